@@ -1,0 +1,14 @@
+#include "TessarinEngine/BRAWAudio.h"
+
+namespace BRAWAudio {
+
+// Pass-through until the run-time loader is built: the library is never looked for.
+bool isAvailable() {
+    return false;
+}
+
+std::string availabilityNote() {
+    return "Blackmagic RAW framework not found on this machine";
+}
+
+} // namespace BRAWAudio

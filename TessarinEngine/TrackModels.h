@@ -1,0 +1,149 @@
+#pragma once
+
+#include "TessarinEngine/Fingerprint.h"
+#include "TessarinEngine/SpectralBands.h"
+#include "TessarinEngine/platform/Uuid.h"
+
+#include <compare>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// Points in time are seconds since 1970-01-01 00:00 UTC, as double.
+using Date = double;
+
+enum class SourceType { video, audio };
+
+enum class SyncStatus { pending, synced, weak, failed };
+
+enum class AudioUsability { ok, none, silent, undecodable };
+
+// How far a recording date can be trusted; the larger raw value is the better clock.
+enum class ClockQuality : int { none = 0, filesystem = 1, asset = 2, filename = 3, embedded = 4 };
+
+constexpr auto operator<=>(ClockQuality a, ClockQuality b) {
+    return static_cast<int>(a) <=> static_cast<int>(b);
+}
+
+std::string_view toString(SourceType type);
+std::string_view toString(SyncStatus status);
+std::string_view toString(AudioUsability usability);
+// The name printed in log lines: "none", "filesystem", "asset", "filename", "embedded".
+std::string_view toString(ClockQuality quality);
+// The quality of a raw value, or nothing above 4 (and below 0).
+std::optional<ClockQuality> clockQualityFromRaw(int raw);
+
+// The one error type of media reading. Only audio extraction throws it.
+class TessarinError : public std::runtime_error {
+public:
+    enum class Kind {
+        noAudioTrack,
+        readerStartFailed,
+        readFailed,
+        emptySamples,
+        silentAudio,
+        correlationFailed,
+        notEnoughTracks
+    };
+
+    TessarinError(Kind kind, std::string payload = {});
+
+    Kind kind() const { return kind_; }
+    const std::string& payload() const { return payload_; }
+    // The human text, e.g. `No audio track in "C0001.MP4"`.
+    std::string errorDescription() const;
+    // The case name with its payload quoted in parentheses, e.g. `noAudioTrack("C0001.MP4")`, or
+    // the bare name when the case has no payload. This is what error events carry.
+    std::string caseText() const;
+
+private:
+    Kind kind_;
+    std::string payload_;
+};
+
+struct ClipItem {
+    Uuid id = Uuid::random();
+    std::filesystem::path url;
+    double duration = 0;
+    double startOffset = 0;
+    SyncStatus syncStatus = SyncStatus::pending;
+    std::optional<float> matchScore;
+    std::optional<std::string> placementPass;
+    std::optional<std::string> placementNote;
+    std::vector<float> waveformPreview;
+    std::optional<float> frameRate;
+    std::optional<std::filesystem::path> pictureURL;
+    std::optional<float> recordFrameRate;
+    std::optional<float> conformFrameRate;
+    std::optional<int> pictureFrames;
+    std::optional<double> pictureTimecode;
+    std::optional<int> pixelWidth;
+    std::optional<int> pixelHeight;
+    std::optional<double> startTimecode;
+    bool tcDisagrees = false;
+    int channelCount = 1;
+    std::vector<int> audioChannelIndices;
+    std::optional<std::string> deviceName;
+    std::optional<Date> recordingDate;
+    ClockQuality clockQuality = ClockQuality::none;
+    std::optional<std::string> dayRegion;
+    std::optional<std::vector<float>> cachedEnvelope;
+    std::optional<std::vector<Fingerprint::Landmark>> fingerprint;
+    std::optional<std::vector<float>> bassOnsets;
+    std::optional<SpectralBands::Feature> bandFeature;
+    AudioUsability audioUsability = AudioUsability::ok;
+    std::optional<Uuid> siblingLeaderID;
+
+    ClipItem() = default;
+    explicit ClipItem(std::filesystem::path file) : url(std::move(file)) {}
+
+    // The sentence an editor reads about how this clip was placed.
+    std::string placementExplanation() const;
+
+    // A clip is the same clip exactly when its id is the same.
+    bool operator==(const ClipItem& other) const { return id == other.id; }
+};
+
+struct TrackSource {
+    Uuid id = Uuid::random();
+    std::string name;
+    SourceType type = SourceType::video;
+    std::vector<ClipItem> clips;
+    std::string session;
+    std::optional<std::string> deviceName;
+    bool lockedGrouping = false;
+    std::optional<std::string> cameraGroup;
+    std::optional<std::string> dayRegion;
+    std::optional<Uuid> siblingOf;
+    std::map<std::string, double> textSyncOffsetByPeer;
+    bool forceReference = false;
+    bool isMuted = false;
+
+    bool operator==(const TrackSource&) const = default;
+};
+
+struct CameraGroupProposal {
+    Uuid id = Uuid::random();
+    std::string session;
+    std::vector<Uuid> trackIDs;
+    std::vector<std::string> trackNames;
+    int clipCount = 0;
+    std::string filenamePrefix;
+    std::string sequenceHint;
+
+    bool operator==(const CameraGroupProposal&) const = default;
+};
+
+// The address of one clip within a run: track index and clip index.
+struct ClipRef {
+    int si = 0;
+    int ci = 0;
+    auto operator<=>(const ClipRef&) const = default;
+};
+
+// Placement codes whose sentences never carry the score.
+bool isCodeWithoutScore(std::string_view code);

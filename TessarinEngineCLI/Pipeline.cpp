@@ -1,0 +1,268 @@
+#include "TessarinEngineCLI/Pipeline.h"
+
+#include "TessarinEngine/AudioExtractor.h"
+#include "TessarinEngine/EnvelopeCache.h"
+#include "TessarinEngine/IngestEngine.h"
+#include "TessarinEngine/SpectralBands.h"
+#include "TessarinEngine/SyncCorrelator.h"
+#include "TessarinEngine/SyncEngine.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <deque>
+#include <exception>
+#include <mutex>
+#include <thread>
+
+namespace Pipeline {
+
+namespace {
+
+// 16 kHz samples to a 100-per-second envelope.
+constexpr int kEnvelopeFactor = 160;
+
+void writeFile(const std::filesystem::path& file, const std::vector<std::uint8_t>& bytes) {
+    if (FILE* f = std::fopen(file.c_str(), "wb")) {
+        std::fwrite(bytes.data(), 1, bytes.size(), f);
+        std::fclose(f);
+    }
+}
+
+} // namespace
+
+double jobWeight(double duration) {
+    return std::max(duration, 0.5);
+}
+
+int extractWidth(unsigned processorCount) {
+    return static_cast<int>(std::clamp(processorCount, 2u, 4u));
+}
+
+ExtractOutcome runExtractJob(const ExtractJob& job) {
+    ExtractOutcome out{job.si, job.ci, job.url, jobWeight(job.duration), {}, {}, {}};
+    if (auto cached = EnvelopeCache::loadBands(job.url)) {
+        out.bands = std::move(*cached);
+        return out;
+    }
+    try {
+        auto audio = AudioExtractor::extract(job.url, job.duration, {});
+        auto bands = SpectralBands::compute(audio.samples);
+        auto envelope = CrossCorrelator::magnitudeEnvelope(audio.samples, kEnvelopeFactor);
+        if (auto key = EnvelopeCache::cacheKey(job.url)) {
+            std::error_code ec;
+            std::filesystem::create_directories(EnvelopeCache::cacheDir(), ec);
+            writeFile(EnvelopeCache::cacheDir() / *key, EnvelopeCache::serialize({}, envelope));
+        }
+        EnvelopeCache::saveBands(job.url, bands);
+        out.bands = std::move(bands);
+        out.refinedDuration = audio.duration;
+    } catch (const TessarinError& e) {
+        out.errorMessage = "Extraction failed: " + e.caseText();
+    } catch (const std::exception& e) {
+        out.errorMessage = std::string("Extraction failed: ") + e.what();
+    }
+    return out;
+}
+
+void runExtractPhase(std::vector<TrackSource>& sources, const std::vector<ExtractJob>& jobs,
+                     int width, const ExtractJobFunction& job, const EventSink& emit) {
+    double totalWeight = 0;
+    for (const auto& j : jobs) {
+        totalWeight += jobWeight(j.duration);
+    }
+    const double divisor = std::max(totalWeight, 1.0);
+
+    std::mutex mutex;
+    std::condition_variable finishedSignal;
+    std::deque<ExtractOutcome> finished;
+    std::size_t nextJob = 0;
+
+    // Each worker takes the next job in job order as soon as it is free, so at most `width` jobs
+    // run at once and they start in order; outcomes queue up in the order they finish.
+    auto worker = [&] {
+        for (;;) {
+            std::size_t index;
+            {
+                std::lock_guard lock(mutex);
+                if (nextJob >= jobs.size()) {
+                    return;
+                }
+                index = nextJob++;
+            }
+            ExtractOutcome outcome;
+            try {
+                outcome = job(jobs[index]);
+            } catch (const std::exception& e) {
+                const auto& j = jobs[index];
+                outcome = {j.si,
+                           j.ci,
+                           j.url,
+                           jobWeight(j.duration),
+                           {},
+                           {},
+                           std::string("Extraction failed: ") + e.what()};
+            }
+            {
+                std::lock_guard lock(mutex);
+                finished.push_back(std::move(outcome));
+            }
+            finishedSignal.notify_one();
+        }
+    };
+
+    const auto workerCount =
+        std::min<std::size_t>(static_cast<std::size_t>(std::max(width, 1)), jobs.size());
+    std::vector<std::jthread> workers;
+    workers.reserve(workerCount);
+    for (std::size_t i = 0; i < workerCount; ++i) {
+        workers.emplace_back(worker);
+    }
+
+    double running = 0;
+    for (std::size_t folded = 0; folded < jobs.size(); ++folded) {
+        ExtractOutcome outcome;
+        {
+            std::unique_lock lock(mutex);
+            finishedSignal.wait(lock, [&] { return !finished.empty(); });
+            outcome = std::move(finished.front());
+            finished.pop_front();
+        }
+        running += outcome.weight;
+        const std::string path = outcome.url.string();
+        emit(ProgressEvent{"extract", running / divisor, path});
+        if (outcome.errorMessage) {
+            emit(ErrorEvent{path, *outcome.errorMessage});
+        }
+        if (outcome.bands) {
+            auto& clip = sources[outcome.si].clips[outcome.ci];
+            clip.bandFeature = std::move(outcome.bands);
+            if (outcome.refinedDuration) {
+                clip.duration = *outcome.refinedDuration;
+            }
+        }
+    }
+}
+
+std::optional<double> pictureDuration(const ClipItem& clip) {
+    if (!clip.pictureURL) {
+        return std::nullopt;
+    }
+    if (clip.pictureFrames && clip.recordFrameRate && *clip.recordFrameRate > 0) {
+        return static_cast<double>(*clip.pictureFrames) /
+               static_cast<double>(*clip.recordFrameRate);
+    }
+    // Without a known frame count the picture is taken to end a little before the sound.
+    return std::max(clip.duration - 0.512, 0.0);
+}
+
+ResultEvent makeResultEvent(const TrackSource& track, const ClipItem& clip) {
+    ResultEvent r;
+    r.path = clip.url.string();
+    r.session = track.session;
+    r.track = track.name;
+    r.mediaType = std::string(toString(track.type));
+    r.startOffset = clip.startOffset;
+    r.duration = clip.duration;
+    r.syncStatus = std::string(toString(clip.syncStatus));
+    r.matchScore = clip.matchScore;
+    r.placement = clip.placementPass;
+    r.audioUsability = std::string(toString(clip.audioUsability));
+    r.explanation = clip.placementExplanation();
+    r.channelCount = clip.channelCount;
+    r.frameRate = clip.frameRate;
+    r.pixelWidth = clip.pixelWidth;
+    r.pixelHeight = clip.pixelHeight;
+    if (clip.pictureURL) {
+        r.picturePath = clip.pictureURL->string();
+    }
+    r.pictureDuration = pictureDuration(clip);
+    r.recordFrameRate = clip.recordFrameRate;
+    r.conformFrameRate = clip.conformFrameRate;
+    return r;
+}
+
+bool runPipeline(const Request& request, const EventSink& emit) {
+    try {
+        IngestEngine ingest;
+        ingest.completeShootSessions = {request.completeShootSessions.begin(),
+                                        request.completeShootSessions.end()};
+        ingest.proxyDirNames = {"sub", "proxy", "proxies", "lrv", "thm", "drone", "drones"};
+
+        std::vector<IngestItem> items;
+        items.reserve(request.items.size());
+        for (const auto& item : request.items) {
+            items.push_back({item.path, item.dropHint});
+        }
+
+        auto sources = ingest.ingestFlat(items, {});
+        if (sources.empty()) {
+            emit(ErrorEvent{std::nullopt, "No valid media found in request"});
+            return false;
+        }
+
+        std::size_t clipTotal = 0;
+        for (const auto& t : sources) {
+            clipTotal += t.clips.size();
+        }
+        const double metadataTotal = static_cast<double>(std::max<std::size_t>(clipTotal, 1));
+        int metadataDone = 0;
+        sources = IngestEngine::loadMetadata(std::move(sources), [&](const auto&) {
+            ++metadataDone;
+            emit(ProgressEvent{"metadata", metadataDone / metadataTotal, std::nullopt});
+        });
+
+        sources = IngestEngine::splitSourcesByDevice(std::move(sources));
+        sources = IngestEngine::detectSiblingChannels(std::move(sources));
+        sources = IngestEngine::assignCameraGroups(std::move(sources));
+        sources = IngestEngine::sortSources(std::move(sources));
+
+        std::vector<ExtractJob> jobs;
+        for (std::size_t si = 0; si < sources.size(); ++si) {
+            const auto& clips = sources[si].clips;
+            for (std::size_t ci = 0; ci < clips.size(); ++ci) {
+                jobs.push_back({static_cast<int>(si), static_cast<int>(ci), clips[ci].url,
+                                clips[ci].duration});
+            }
+        }
+        runExtractPhase(sources, jobs, extractWidth(std::thread::hardware_concurrency()),
+                        runExtractJob, emit);
+
+        // Extraction can change durations; clips of a track follow each other again.
+        for (auto& track : sources) {
+            double offset = 0;
+            for (auto& clip : track.clips) {
+                clip.startOffset = offset;
+                offset += clip.duration;
+            }
+        }
+
+        if (sources.size() < 2) {
+            emit(ErrorEvent{std::nullopt, "Need at least 2 tracks to sync"});
+            return false;
+        }
+
+        auto placed = SyncEngine::synchronise(
+            std::move(sources),
+            [&](double fraction, const std::string& label) {
+                emit(ProgressEvent{"sync", fraction, label});
+            },
+            [](const Uuid&, double, SyncStatus) {});
+
+        int clipCount = 0;
+        double timelineEnd = 0;
+        for (const auto& track : placed) {
+            for (const auto& clip : track.clips) {
+                emit(makeResultEvent(track, clip));
+                ++clipCount;
+                timelineEnd = std::max(timelineEnd, clip.startOffset + clip.duration);
+            }
+        }
+        emit(DoneEvent{static_cast<int>(placed.size()), clipCount, timelineEnd});
+        return true;
+    } catch (const std::exception& e) {
+        emit(ErrorEvent{std::nullopt, e.what()});
+        return false;
+    }
+}
+
+} // namespace Pipeline

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+struct RequestItem {
+    std::string path;
+    std::string dropHint;
+};
+
+struct Request {
+    std::int64_t version = 0;
+    std::vector<RequestItem> items;
+    std::vector<std::string> completeShootSessions;
+};
+
+// Decodes a request; nothing when the bytes are no JSON, a required key is missing or a value has
+// the wrong type. Keys the request does not name are ignored.
+std::optional<Request> decodeRequest(std::string_view bytes);
+
+// What the command line asks for.
+struct CommandLine {
+    enum class Action {
+        run,        // read the request from `inputPath` or standard input
+        brawStatus, // answer whether Blackmagic RAW can be read
+        usage,      // print the usage text, exit 1
+        missingPath // "--input" was the last argument, exit 1
+    };
+    Action action = Action::usage;
+    bool useStdin = false;
+    std::optional<std::string> inputPath;
+    // Messages for standard error, in the order the arguments were read.
+    std::vector<std::string> messages;
+};
+
+// Reads the arguments after the program name, left to right.
+CommandLine parseCommandLine(const std::vector<std::string>& args);
+
+inline constexpr std::string_view kUsageText =
+    "Usage: TessarinEngineCLI --input <request.json>  (or --stdin)";

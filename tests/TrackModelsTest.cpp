@@ -1,0 +1,7 @@
+#include "TessarinEngine/TrackModels.h"
+
+#include <gtest/gtest.h>
+
+TEST(TrackModels, Placeholder) {
+    EXPECT_LT(ClockQuality::asset, ClockQuality::filename);
+}

@@ -1,0 +1,60 @@
+#pragma once
+
+#include "TessarinEngine/EngineLog.h"
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace TestSupport {
+
+// A fresh folder below the system's temporary folder, removed with everything in it at the end of
+// the scope.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::filesystem::path& path() const { return path_; }
+    std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
+
+private:
+    std::filesystem::path path_;
+};
+
+// Collects the library's log lines for the length of its scope.
+class LogCapture {
+public:
+    LogCapture();
+    ~LogCapture();
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    const std::vector<std::string>& lines() const { return lines_; }
+    bool contains(const std::string& fragment) const;
+
+private:
+    EngineLog::Sink previous_;
+    std::vector<std::string> lines_;
+};
+
+struct ProcessResult {
+    int exitCode = -1;
+    std::string out;
+    std::string err;
+};
+
+// Runs a program with arguments, feeding `input` to its standard input (closed at once when
+// empty) and capturing both output streams. `env` entries ("NAME=value") are added to the
+// environment of the child.
+ProcessResult runProcess(const std::vector<std::string>& argv, const std::string& input = {},
+                         const std::vector<std::string>& env = {});
+
+void writeText(const std::filesystem::path& file, const std::string& text);
+
+// Splits text into its lines, without the line feeds.
+std::vector<std::string> splitLines(const std::string& text);
+
+} // namespace TestSupport
