@@ -47,4 +47,16 @@ namespace SpectralBands {
 // (fewer than 3584 samples) gives the empty feature. Thread-safe.
 Feature compute(const std::vector<float>& pcm);
 
+// The stretch [fromSec, fromSec + durationSec) of a feature, each band normalised anew; nothing
+// when it is shorter than 5 frames or runs past the end. A negative start moves to 0.
+std::optional<Feature> slice(const Feature& feature, double fromSec, double durationSec);
+
+// The best offsets of `clip` within `ref` (the clip's start relative to the reference's start),
+// best first, at most topK, at least minSeparationSec apart, keeping minOverlapSec of the clip
+// inside the reference. Offset bounds may be infinite. Empty when nothing usable is found; the
+// reference must be strictly longer than the clip. Thread-safe.
+std::vector<Peak> peaks(const Feature& clip, const Feature& ref, double minOffsetSec,
+                        double maxOffsetSec, double minOverlapSec, int topK,
+                        double minSeparationSec);
+
 } // namespace SpectralBands
