@@ -1,0 +1,144 @@
+#include "TessarinEngine/SyncEngine/PeakTiming.h"
+#include "TessarinEngine/SyncEngine/Run.h"
+
+#include <algorithm>
+
+namespace SyncEngine {
+
+namespace {
+
+// Fixed for every pool search: a match must keep 8 s of the shorter feature inside the longer,
+// and only the best peak of each segment is asked for.
+constexpr double kPoolMinOverlap = 8.0;
+constexpr double kPoolMinSeparation = 0.5;
+
+// TODO: use ingest's natural, creation-date-aware file order once it is public. Byte order of the
+// file names agrees with it for the zero-padded clip numbers cameras write, so group chains keep
+// their order on such names.
+bool fileBefore(const std::filesystem::path& a, const std::filesystem::path& b) {
+    return a.filename().string() < b.filename().string();
+}
+
+} // namespace
+
+PoolSpan spanOf(const ClipItem& clip) {
+    return PoolSpan{clip.startOffset,   clip.duration,     clip.bandFeature,
+                    clip.recordingDate, clip.clockQuality, clip.startTimecode};
+}
+
+void refreshMatchSpans(Run& run) {
+    Region& region = run.region;
+    region.matchSpans.clear();
+    for (int si : region.tracks) {
+        if (!region.readyTracks.contains(si)) {
+            continue;
+        }
+        const auto& track = run.sources[si];
+        const bool camera = region.poolCameras.contains(si);
+        if (!camera) {
+            if (track.type != SourceType::audio) {
+                continue;
+            }
+            if (region.holdRecorders && si != region.refTrack) {
+                continue;
+            }
+            if (region.excludeLavs && region.lavTracks.contains(si)) {
+                continue;
+            }
+        }
+        // During the camera retry the cameras lend their clock-laid clips too: they are the only
+        // witnesses left for a camera that heard none of the recorders.
+        const bool strict = !(region.excludeLavs && camera);
+        for (int ci = 0; ci < static_cast<int>(track.clips.size()); ++ci) {
+            if (!inRegion(run, si, ci)) {
+                continue;
+            }
+            const auto& clip = track.clips[ci];
+            const auto pass = clip.placementPass.value_or("");
+            if (pass == "unlinked") {
+                continue;
+            }
+            if (strict && (pass == "interp" || pass == "clock")) {
+                continue;
+            }
+            if (clip.duration < kShortestMatched) {
+                continue;
+            }
+            region.matchSpans.push_back(spanOf(clip));
+        }
+    }
+}
+
+std::optional<Match> bestMatch(const std::vector<PoolSpan>& spans,
+                               const std::optional<SpectralBands::Feature>& feature, double lo,
+                               double hi) {
+    if (!feature || feature->frames < 5 || spans.empty()) {
+        return std::nullopt;
+    }
+    const int c = feature->frames;
+    std::optional<Match> best;
+    for (const auto& span : spans) {
+        if (!span.bands || span.bands->frames < 5) {
+            continue;
+        }
+        const int s = span.bands->frames;
+        std::optional<Match> found;
+        if (c < s) {
+            const auto peaks = searchPeaks(*feature, *span.bands, lo - span.off, hi - span.off,
+                                           kPoolMinOverlap, 1, kPoolMinSeparation);
+            if (!peaks.empty()) {
+                found = Match{span.off + peaks.front().offsetSeconds, peaks.front().score};
+            }
+        } else if (c > s) {
+            // The clip is the longer one: search the segment inside the clip instead.
+            if (!(span.off - hi < span.off - lo)) {
+                continue;
+            }
+            const auto peaks = searchPeaks(*span.bands, *feature, span.off - hi, span.off - lo,
+                                           kPoolMinOverlap, 1, kPoolMinSeparation);
+            if (!peaks.empty()) {
+                found = Match{span.off - peaks.front().offsetSeconds, peaks.front().score};
+            }
+        }
+        if (found && (!best || found->score > best->score)) {
+            best = found;
+        }
+    }
+    return best;
+}
+
+std::vector<ClipRef> orderedFlatClips(const Run& run, std::vector<int> tracks) {
+    std::stable_sort(tracks.begin(), tracks.end(), [&](int a, int b) {
+        const auto& ca = run.sources[a].clips;
+        const auto& cb = run.sources[b].clips;
+        if (ca.empty() || cb.empty()) {
+            return a < b;
+        }
+        return fileBefore(ca.front().url, cb.front().url);
+    });
+    std::vector<ClipRef> flat;
+    for (int si : tracks) {
+        for (int ci : regionClipsOf(run, si)) {
+            flat.push_back(ClipRef{si, ci});
+        }
+    }
+    return flat;
+}
+
+std::string readyNames(const Run& run) {
+    std::vector<std::string> names;
+    for (int si : run.region.readyTracks) {
+        names.push_back(run.sources[si].name);
+    }
+    std::sort(names.begin(), names.end());
+    std::string joined;
+    for (const auto& name : names) {
+        if (!joined.empty()) {
+            joined += ",";
+        }
+        joined += name;
+    }
+    return joined;
+}
+
+} // namespace SyncEngine

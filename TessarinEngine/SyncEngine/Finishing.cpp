@@ -1,0 +1,240 @@
+#include "TessarinEngine/EngineLog.h"
+#include "TessarinEngine/SyncEngine/PeakTiming.h"
+#include "TessarinEngine/SyncEngine/Run.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace SyncEngine {
+
+namespace {
+
+// Overlaps this small are rounding of clip lengths, not errors worth moving a clip for.
+constexpr double kOverlapTolerance = 0.05;
+// Below this the timeline already starts at zero.
+constexpr double kNormaliseTolerance = 0.001;
+
+struct LeaderPlacement {
+    double off = 0;
+    SyncStatus status = SyncStatus::pending;
+    std::optional<std::string> pass;
+    std::optional<float> score;
+};
+
+std::string_view statusMark(SyncStatus status) {
+    switch (status) {
+    case SyncStatus::pending:
+        return "…";
+    case SyncStatus::synced:
+        return "OK";
+    case SyncStatus::weak:
+        return "wk";
+    case SyncStatus::failed:
+        return "!!";
+    }
+    return "…";
+}
+
+// The first longest clip among `cis`, by duration.
+int longestOf(const std::vector<ClipItem>& clips, const std::vector<int>& cis) {
+    int best = cis.front();
+    for (int ci : cis) {
+        if (clips[best].duration < clips[ci].duration) {
+            best = ci;
+        }
+    }
+    return best;
+}
+
+void mirrorChannel(Run& run, int si, int lead) {
+    const auto& leader = run.sources[lead];
+    std::unordered_map<Uuid, LeaderPlacement> leaderPlacements;
+    for (const auto& clip : leader.clips) {
+        leaderPlacements[clip.id] =
+            LeaderPlacement{clip.startOffset, clip.syncStatus, clip.placementPass, clip.matchScore};
+    }
+    const std::string leadName = leader.name;
+    double cursor = run.baseOffset;
+    int mirrored = 0;
+    for (int ci : regionClipsOf(run, si)) {
+        auto& clip = run.sources[si].clips[ci];
+        const auto found = clip.siblingLeaderID ? leaderPlacements.find(*clip.siblingLeaderID)
+                                                : leaderPlacements.end();
+        if (found != leaderPlacements.end()) {
+            const auto& lp = found->second;
+            clip.startOffset = lp.off;
+            clip.syncStatus = lp.status;
+            clip.matchScore = lp.score;
+            clip.placementPass = "sibling-ch";
+            clip.placementNote = "channel of '" + leadName + "'";
+            if (lp.pass) {
+                *clip.placementNote += " (" + *lp.pass + ")";
+            }
+            run.placementLog[clip.id] =
+                PlacementRecord{lp.off, lp.score.value_or(0.0f), "sibling-ch"};
+            ++mirrored;
+            cursor = lp.off + clip.duration;
+        } else {
+            clip.startOffset = cursor;
+            clip.syncStatus = SyncStatus::weak;
+            clip.matchScore.reset();
+            clip.placementPass = "interp";
+            clip.placementNote = "no matching take on '" + leadName + "'";
+            run.placementLog[clip.id] = PlacementRecord{std::nullopt, 0.0f, "interp"};
+            cursor += clip.duration;
+        }
+        reportPlace(run, clip);
+        advanceProgress(run, clipName(clip));
+    }
+    logDetail(format("channel track '%s' follows '%s': %d clip(s) mirrored",
+                     run.sources[si].name.c_str(), leadName.c_str(), mirrored));
+}
+
+} // namespace
+
+bool siblingVerified(Run& run, int si, int leader) {
+    const auto& clips = run.sources[si].clips;
+    std::vector<int> tied;
+    for (int ci : regionClipsOf(run, si)) {
+        if (clips[ci].siblingLeaderID) {
+            tied.push_back(ci);
+        }
+    }
+    if (tied.empty()) {
+        return true;
+    }
+    const auto& channel = clips[longestOf(clips, tied)];
+    const auto& leadClips = run.sources[leader].clips;
+    const auto lead = std::find_if(leadClips.begin(), leadClips.end(), [&](const ClipItem& c) {
+        return c.id == *channel.siblingLeaderID;
+    });
+    if (lead == leadClips.end()) {
+        return true;
+    }
+    // What cannot be tested is believed: the channel tie came from the files themselves.
+    if (!channel.bandFeature || !lead->bandFeature || channel.bandFeature->frames < 5 ||
+        lead->bandFeature->frames < 5) {
+        return true;
+    }
+    const double dur = channel.duration;
+    const double w = std::min(dur * 0.5, 45.0);
+    if (w < 10.0) {
+        return true;
+    }
+    double start = std::max(dur * 0.4 - w * 0.5, 0.0);
+    start = std::min(start, dur - w);
+    if (start < 0) {
+        return false;
+    }
+    const auto window = SpectralBands::slice(*channel.bandFeature, start, w);
+    if (!window || window->frames >= lead->bandFeature->frames) {
+        return false;
+    }
+    const auto peaks =
+        searchPeaks(*window, *lead->bandFeature, start - 2.0, start + 2.0, 8.0, 1, 0.5);
+    if (peaks.empty()) {
+        return false;
+    }
+    const double delta = peaks.front().offsetSeconds - start;
+    if (peaks.front().score >= kStrongScore && std::abs(delta) <= 0.5) {
+        return true;
+    }
+    logDetail(format("'%s' looked like a channel of '%s' but its audio does not agree (score %.1f, "
+                     "offset %+.2fs) — matching it as its own track",
+                     run.sources[si].name.c_str(), run.sources[leader].name.c_str(),
+                     static_cast<double>(peaks.front().score), delta));
+    return false;
+}
+
+bool runChannelTracks(Run& run) {
+    Region& region = run.region;
+    for (int si : region.tracks) {
+        const auto& leadID = run.sources[si].siblingOf;
+        if (!leadID) {
+            continue;
+        }
+        if (run.cancelled()) {
+            return false;
+        }
+        const auto lead = std::find_if(run.sources.begin(), run.sources.end(),
+                                       [&](const TrackSource& t) { return t.id == *leadID; });
+        if (lead == run.sources.end()) {
+            continue;
+        }
+        const int leader = static_cast<int>(lead - run.sources.begin());
+        if (!siblingVerified(run, si, leader)) {
+            syncOneTrack(run, si);
+            region.readyTracks.insert(si);
+            refreshMatchSpans(run);
+            continue;
+        }
+        mirrorChannel(run, si, leader);
+    }
+    return true;
+}
+
+void resolveOverlaps(std::vector<TrackSource>& sources) {
+    for (auto& track : sources) {
+        auto& clips = track.clips;
+        for (std::size_t i = 1; i < clips.size(); ++i) {
+            const double prevEnd = clips[i - 1].startOffset + clips[i - 1].duration;
+            if (clips[i].startOffset < prevEnd - kOverlapTolerance) {
+                clips[i].startOffset = prevEnd;
+            }
+        }
+    }
+}
+
+void normaliseOffsets(std::vector<TrackSource>& sources) {
+    std::optional<double> smallest;
+    for (const auto& track : sources) {
+        for (const auto& clip : track.clips) {
+            smallest = smallest ? std::min(*smallest, clip.startOffset) : clip.startOffset;
+        }
+    }
+    if (!smallest || std::abs(*smallest) <= kNormaliseTolerance) {
+        return;
+    }
+    for (auto& track : sources) {
+        for (auto& clip : track.clips) {
+            clip.startOffset -= *smallest;
+        }
+    }
+}
+
+void logLayoutAndDone(const Run& run) {
+    double timeline = 0;
+    int synced = 0;
+    int weak = 0;
+    int failed = 0;
+    int all = 0;
+    for (const auto& track : run.sources) {
+        logTop("LAYOUT '" + track.name + "':");
+        for (const auto& clip : track.clips) {
+            const auto entry = run.placementLog.find(clip.id);
+            const bool logged = entry != run.placementLog.end();
+            const std::string raw = logged && entry->second.raw
+                                        ? format("raw=%.1f", *entry->second.raw)
+                                        : std::string("raw=  —  ");
+            const std::string score =
+                logged ? format("score=%.1f", static_cast<double>(entry->second.score))
+                       : std::string("score= — ");
+            const std::string kind = logged ? entry->second.kind : std::string("interp");
+            EngineLog::log(format("[SyncEngine]    %-28s  start=%.1fs  end=%.1fs  %s  %s %s [%s]",
+                                  clipName(clip).c_str(), clip.startOffset,
+                                  clip.startOffset + clip.duration,
+                                  std::string(statusMark(clip.syncStatus)).c_str(), raw.c_str(),
+                                  score.c_str(), kind.c_str()));
+            timeline = std::max(timeline, clip.startOffset + clip.duration);
+            synced += clip.syncStatus == SyncStatus::synced;
+            weak += clip.syncStatus == SyncStatus::weak;
+            failed += clip.syncStatus == SyncStatus::failed;
+            ++all;
+        }
+    }
+    const auto t = static_cast<long long>(timeline);
+    logTop(format("DONE: timeline=%.0fs (%lldh%02lldm), synced=%d weak=%d failed=%d / %d", timeline,
+                  t / 3600, (t % 3600) / 60, synced, weak, failed, all));
+}
+
+} // namespace SyncEngine
