@@ -1,15 +1,17 @@
-#include <gtest/gtest.h>
-
 #include "TessarinEngineCLI/Request.h"
 #include "tests/support/TestSupport.h"
+
+#include <gtest/gtest.h>
 
 using TestSupport::runProcess;
 
 namespace {
 
 const std::string kUsageLine = "Usage: TessarinEngineCLI --input <request.json>  (or --stdin)\n";
-const std::string kParseError = "{\"type\":\"error\",\"message\":\"Could not parse request JSON\"}\n";
-const std::string kNoMedia = "{\"type\":\"error\",\"message\":\"No valid media found in request\"}\n";
+const std::string kParseError =
+    "{\"type\":\"error\",\"message\":\"Could not parse request JSON\"}\n";
+const std::string kNoMedia =
+    "{\"type\":\"error\",\"message\":\"No valid media found in request\"}\n";
 const std::string kEmptyRequest = R"({"version":1,"items":[]})";
 
 class Cli : public ::testing::Test {

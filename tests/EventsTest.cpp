@@ -48,8 +48,8 @@ TEST(Events, OtherKindsAndEscapes) {
               R"({"type":"progress","phase":"sync","fraction":0.3333333333333333,"path":"A001"})");
     EXPECT_EQ(*Events::encode(ErrorEvent{std::nullopt, "Need at least 2 tracks to sync"}),
               R"({"type":"error","message":"Need at least 2 tracks to sync"})");
-    EXPECT_EQ(*Events::encode(ErrorEvent{"/a/b \"q\"\\\n.wav",
-                                         "Extraction failed: noAudioTrack(\"b.wav\")"}),
+    EXPECT_EQ(*Events::encode(
+                  ErrorEvent{"/a/b \"q\"\\\n.wav", "Extraction failed: noAudioTrack(\"b.wav\")"}),
               R"({"type":"error","path":"\/a\/b \"q\"\\\n.wav",)"
               R"x("message":"Extraction failed: noAudioTrack(\"b.wav\")"})x");
     EXPECT_EQ(*Events::encode(DoneEvent{3, 42, 3600.04}),

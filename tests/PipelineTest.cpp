@@ -42,7 +42,9 @@ ExtractOutcome succeed(const ExtractJob& j, std::optional<double> refined) {
 struct Recorder {
     std::vector<Event> events;
     Pipeline::EventSink sink() {
-        return [this](const Event& e) { events.push_back(e); };
+        return [this](const Event& e) {
+            events.push_back(e);
+        };
     }
 };
 
@@ -59,17 +61,18 @@ TEST(Pipeline, ExtractPhaseNeverRunsMoreThanItsWidth) {
     auto tracks = tracksWith(std::vector<double>(12, 10.0));
     std::atomic<int> active{0}, highest{0};
     Recorder rec;
-    Pipeline::runExtractPhase(tracks, jobsFor(tracks), 3,
-                              [&](const ExtractJob& j) {
-                                  int now = ++active;
-                                  int seen = highest.load();
-                                  while (now > seen && !highest.compare_exchange_weak(seen, now)) {
-                                  }
-                                  std::this_thread::sleep_for(std::chrono::milliseconds(20));
-                                  --active;
-                                  return succeed(j, 9.5);
-                              },
-                              rec.sink());
+    Pipeline::runExtractPhase(
+        tracks, jobsFor(tracks), 3,
+        [&](const ExtractJob& j) {
+            int now = ++active;
+            int seen = highest.load();
+            while (now > seen && !highest.compare_exchange_weak(seen, now)) {
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            --active;
+            return succeed(j, 9.5);
+        },
+        rec.sink());
     EXPECT_LE(highest.load(), 3);
     EXPECT_GE(highest.load(), 2);
     EXPECT_EQ(rec.events.size(), 12u);
@@ -129,9 +132,9 @@ TEST(Pipeline, OutcomesFoldInOrderOfFinishingWithWeightedProgress) {
 TEST(Pipeline, ShortPhaseDividesByAtLeastOne) {
     auto tracks = tracksWith({0.1});
     Recorder rec;
-    Pipeline::runExtractPhase(tracks, jobsFor(tracks), 4,
-                              [](const ExtractJob& j) { return succeed(j, std::nullopt); },
-                              rec.sink());
+    Pipeline::runExtractPhase(
+        tracks, jobsFor(tracks), 4, [](const ExtractJob& j) { return succeed(j, std::nullopt); },
+        rec.sink());
     ASSERT_EQ(rec.events.size(), 1u);
     EXPECT_DOUBLE_EQ(std::get<ProgressEvent>(rec.events[0]).fraction, 0.5);
 }
@@ -139,14 +142,15 @@ TEST(Pipeline, ShortPhaseDividesByAtLeastOne) {
 TEST(Pipeline, AJobThatThrowsBecomesAnErrorOutcome) {
     auto tracks = tracksWith({3.0, 4.0});
     Recorder rec;
-    Pipeline::runExtractPhase(tracks, jobsFor(tracks), 2,
-                              [](const ExtractJob& j) -> ExtractOutcome {
-                                  if (j.ci == 1) {
-                                      throw std::runtime_error("boom");
-                                  }
-                                  return succeed(j, std::nullopt);
-                              },
-                              rec.sink());
+    Pipeline::runExtractPhase(
+        tracks, jobsFor(tracks), 2,
+        [](const ExtractJob& j) -> ExtractOutcome {
+            if (j.ci == 1) {
+                throw std::runtime_error("boom");
+            }
+            return succeed(j, std::nullopt);
+        },
+        rec.sink());
     int errors = 0;
     for (const auto& ev : rec.events) {
         if (auto* err = std::get_if<ErrorEvent>(&ev)) {

@@ -33,20 +33,25 @@ TEST(TrackModels, ExplanationSentencesPerCode) {
          "Long recorder with no audio in common with the reference \u2014 placed after it"},
         {"sibling-ch", SyncStatus::synced, 8.0f, 60,
          "Channel of the same recorder \u2014 follows its lead track"},
-        {"clock", SyncStatus::weak, 2.0f, 60, "No audio match nearby \u2014 placed by the device clock"},
+        {"clock", SyncStatus::weak, 2.0f, 60,
+         "No audio match nearby \u2014 placed by the device clock"},
         {"stack-alone", SyncStatus::weak, std::nullopt, 60,
          "No other take shares this audio \u2014 placed in shooting order"},
-        {"stack", SyncStatus::synced, 7.5f, 60, "Stacked with takes sharing the same audio \u00B7 score 7.5"},
+        {"stack", SyncStatus::synced, 7.5f, 60,
+         "Stacked with takes sharing the same audio \u00B7 score 7.5"},
         {"sibling", SyncStatus::synced, std::nullopt, 60,
          "Placed alongside a matched clip from the same camera"},
         {"A3cam", SyncStatus::synced, 11.0f, 60,
          "Matched a sibling camera \u2014 no external recorder nearby \u00B7 score 11.0"},
         {"A3cluster", SyncStatus::synced, std::nullopt, 60,
          "Synced only against other cameras \u2014 no external recorder nearby"},
-        {"A3b-broll", SyncStatus::weak, 5.0f, 60, "Long take placed via nearby B-roll \u00B7 score 5.0"},
+        {"A3b-broll", SyncStatus::weak, 5.0f, 60,
+         "Long take placed via nearby B-roll \u00B7 score 5.0"},
         {"A1", SyncStatus::synced, 12.34f, 60, "Strong audio match \u00B7 score 12.3"},
-        {"A1w", SyncStatus::weak, 5.0f, 60, "Weak audio match \u2014 check by ear \u00B7 score 5.0"},
-        {"p1", SyncStatus::failed, 3.0f, 60, "Audio match below the confidence floor \u00B7 score 3.0"},
+        {"A1w", SyncStatus::weak, 5.0f, 60,
+         "Weak audio match \u2014 check by ear \u00B7 score 5.0"},
+        {"p1", SyncStatus::failed, 3.0f, 60,
+         "Audio match below the confidence floor \u00B7 score 3.0"},
         {"A4", SyncStatus::pending, std::nullopt, 60, "Not placed yet"},
         // No code reads as placed between neighbours, even while pending, and takes a score.
         {std::nullopt, SyncStatus::pending, std::nullopt, 60,
@@ -88,8 +93,10 @@ TEST(TrackModels, ExplanationAppendsScoreNoteAndTimecodeInOrder) {
 
 TEST(TrackModels, UnusableAudioSentenceStandsAlone) {
     const std::pair<AudioUsability, std::string> cases[] = {
-        {AudioUsability::none, "No audio track in this file \u2014 placed by clock or between neighbours"},
-        {AudioUsability::silent, "Audio track is silent \u2014 placed by clock or between neighbours"},
+        {AudioUsability::none,
+         "No audio track in this file \u2014 placed by clock or between neighbours"},
+        {AudioUsability::silent,
+         "Audio track is silent \u2014 placed by clock or between neighbours"},
         {AudioUsability::undecodable,
          "Format not decodable on this machine \u2014 placed by clock or between neighbours"},
     };
@@ -103,7 +110,8 @@ TEST(TrackModels, UnusableAudioSentenceStandsAlone) {
 }
 
 TEST(TrackModels, CodesWithoutScoreAreExactlySix) {
-    for (const char* code : {"ref", "interp", "interp-noaudio", "clock", "unlinked", "sibling-ch"}) {
+    for (const char* code :
+         {"ref", "interp", "interp-noaudio", "clock", "unlinked", "sibling-ch"}) {
         EXPECT_TRUE(isCodeWithoutScore(code)) << code;
     }
     for (const char* code : {"", "linked", "stack", "A1", "p1", "REF", "sibling"}) {
@@ -115,7 +123,8 @@ TEST(TrackModels, ErrorTextsAndCaseForms) {
     using K = TessarinError::Kind;
     EXPECT_EQ(TessarinError(K::noAudioTrack, "C0001.MP4").errorDescription(),
               "No audio track in \"C0001.MP4\"");
-    EXPECT_EQ(TessarinError(K::noAudioTrack, "C0001.MP4").caseText(), "noAudioTrack(\"C0001.MP4\")");
+    EXPECT_EQ(TessarinError(K::noAudioTrack, "C0001.MP4").caseText(),
+              "noAudioTrack(\"C0001.MP4\")");
     EXPECT_EQ(TessarinError(K::silentAudio, "a.wav").errorDescription(),
               "Audio track in \"a.wav\" is silent (muted)");
     EXPECT_EQ(TessarinError(K::readFailed, "resampler").caseText(), "readFailed(\"resampler\")");
