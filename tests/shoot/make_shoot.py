@@ -180,6 +180,16 @@ SCENARIOS = {
              [("T001", 0.0, 170.0), ("T002", 175.0, 110.0)]),
         ],
     },
+    # Twenty clips on two tracks, for timing a run with and without cached features.
+    "twenty": {
+        "total": 620,
+        "devices": [
+            ("CamA", "camera", ("Canon", "EOS R5"), 1.0,
+             [(f"A{i + 1:03d}", 60.0 * i + 5, 40.0) for i in range(10)]),
+            ("Sound", "recorder", "ZOOM F6", 0.0,
+             [(f"T{i + 1:03d}", 60.0 * i, 50.0) for i in range(10)]),
+        ],
+    },
 }
 
 
