@@ -170,6 +170,9 @@ std::string readyNames(const Run& run);
 std::optional<Match> multiWindowMatch(const std::optional<SpectralBands::Feature>& feature,
                                       double dur, double lo, double hi,
                                       const std::vector<PoolSpan>& spans, bool allowSingleStrong);
+// The votes within `radius` of the seed that gathers most, each vote in turn a seed; of equal
+// clusters the first stays.
+std::vector<Match> largestCluster(const std::vector<Match>& votes, double radius);
 std::optional<Match> clipMatch(const Run& run, int si, int ci, double lo, double hi,
                                const std::vector<PoolSpan>& spans);
 std::optional<Window> tcWindow(const ClipItem& clip, const std::vector<PoolSpan>& spans);

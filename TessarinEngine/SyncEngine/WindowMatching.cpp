@@ -56,18 +56,7 @@ std::optional<Match> multiWindowMatch(const std::optional<SpectralBands::Feature
     if (votes.empty()) {
         return std::nullopt;
     }
-    std::vector<Match> cluster;
-    for (const auto& seed : votes) {
-        std::vector<Match> gathered;
-        for (const auto& v : votes) {
-            if (std::abs(v.pos - seed.pos) <= kClusterRadius) {
-                gathered.push_back(v);
-            }
-        }
-        if (gathered.size() > cluster.size()) {
-            cluster = std::move(gathered);
-        }
-    }
+    const auto cluster = largestCluster(votes, kClusterRadius);
     if (cluster.size() < 2) {
         if (!allowSingleStrong) {
             return std::nullopt;
@@ -94,6 +83,22 @@ std::optional<Match> multiWindowMatch(const std::optional<SpectralBands::Feature
     // A weighted mean of the positions, but the best single score: the weaker witness does not
     // discount the result.
     return Match{weighted / std::max(weights, kMinWeight), topScore};
+}
+
+std::vector<Match> largestCluster(const std::vector<Match>& votes, double radius) {
+    std::vector<Match> cluster;
+    for (const auto& seed : votes) {
+        std::vector<Match> gathered;
+        for (const auto& v : votes) {
+            if (std::abs(v.pos - seed.pos) <= radius) {
+                gathered.push_back(v);
+            }
+        }
+        if (gathered.size() > cluster.size()) {
+            cluster = std::move(gathered);
+        }
+    }
+    return cluster;
 }
 
 std::optional<Match> clipMatch(const Run& run, int si, int ci, double lo, double hi,

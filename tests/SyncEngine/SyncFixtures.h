@@ -1,0 +1,144 @@
+#pragma once
+
+#include "TessarinEngine/SpectralBands.h"
+#include "TessarinEngine/SyncEngine.h"
+#include "TessarinEngine/TrackModels.h"
+
+#include <cmath>
+#include <optional>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace SyncFixtures {
+
+// A feature of `frames` frames whose bands hold nothing but zeros: long enough to count as
+// hearable for the track rules, useless for matching.
+inline SpectralBands::Feature flatFeature(int frames) {
+    return SpectralBands::Feature(
+        SpectralBands::Feature::Bands(8, std::vector<float>(static_cast<std::size_t>(frames))),
+        frames);
+}
+
+inline ClipItem makeClip(const std::string& name, double duration,
+                         std::optional<Date> date = std::nullopt,
+                         ClockQuality quality = ClockQuality::embedded) {
+    ClipItem clip("/shoot/" + name + ".wav");
+    clip.duration = duration;
+    clip.recordingDate = date;
+    clip.clockQuality = date ? quality : ClockQuality::none;
+    return clip;
+}
+
+inline TrackSource makeTrack(const std::string& name, SourceType type, std::vector<ClipItem> clips,
+                             const std::string& session = "/shoot") {
+    TrackSource track;
+    track.name = name;
+    track.type = type;
+    track.clips = std::move(clips);
+    track.session = session;
+    return track;
+}
+
+// A camera track: clips of `durations`, each with a flat feature, so that it counts as a long,
+// hearable camera once a clip reaches 60 s.
+inline TrackSource makeCamera(const std::string& name, const std::vector<double>& durations) {
+    std::vector<ClipItem> clips;
+    int n = 0;
+    for (double d : durations) {
+        auto clip = makeClip(name + "_" + std::to_string(n++), d);
+        clip.url.replace_extension(".mov");
+        clip.bandFeature = flatFeature(static_cast<int>(d * 25));
+        clips.push_back(clip);
+    }
+    return makeTrack(name, SourceType::video, std::move(clips));
+}
+
+inline TrackSource makeRecorder(const std::string& name, const std::vector<double>& durations) {
+    std::vector<ClipItem> clips;
+    int n = 0;
+    for (double d : durations) {
+        clips.push_back(makeClip(name + "_" + std::to_string(n++), d));
+    }
+    return makeTrack(name, SourceType::audio, std::move(clips));
+}
+
+// What the engine reported through its callbacks.
+struct Reports {
+    std::vector<std::pair<double, std::string>> progress;
+    std::vector<std::tuple<Uuid, double, SyncStatus>> places;
+
+    SyncEngine::ProgressCallback onProgress() {
+        return [this](double f, const std::string& label) {
+            progress.emplace_back(f, label);
+        };
+    }
+    SyncEngine::PlaceCallback onPlace() {
+        return [this](const Uuid& id, double pos, SyncStatus s) {
+            places.emplace_back(id, pos, s);
+        };
+    }
+};
+
+// Runs the engine with callbacks that record what it reports.
+inline std::vector<TrackSource> runEngine(std::vector<TrackSource> tracks,
+                                          Reports* reports = nullptr,
+                                          const std::atomic<bool>* cancel = nullptr) {
+    Reports local;
+    Reports& r = reports ? *reports : local;
+    return SyncEngine::synchronise(std::move(tracks), r.onProgress(), r.onPlace(), cancel);
+}
+
+// Band curves of a made-up shoot: each band is a smoothed random walk, z-scored, so that any
+// stretch of a few seconds is unlike every other stretch.
+inline std::vector<std::vector<float>> randomBands(int frames, unsigned seed) {
+    std::mt19937 rng(seed);
+    std::normal_distribution<float> noise(0.0f, 1.0f);
+    std::vector<std::vector<float>> bands(8, std::vector<float>(static_cast<std::size_t>(frames)));
+    for (auto& band : bands) {
+        float level = 0;
+        for (auto& v : band) {
+            level = 0.6f * level + noise(rng);
+            v = level;
+        }
+    }
+    return bands;
+}
+
+// Frames [from, from + count) of `bands`, with a little noise of its own, as a feature.
+inline SpectralBands::Feature cutFeature(const std::vector<std::vector<float>>& bands, int from,
+                                         int count, unsigned seed, float noiseLevel = 0.3f) {
+    std::mt19937 rng(seed);
+    std::normal_distribution<float> noise(0.0f, noiseLevel);
+    SpectralBands::Feature::Bands out(8);
+    for (std::size_t b = 0; b < 8; ++b) {
+        out[b].assign(bands[b].begin() + from, bands[b].begin() + from + count);
+        double mean = 0;
+        for (auto& v : out[b]) {
+            v += noise(rng);
+            mean += v;
+        }
+        mean /= count;
+        double sq = 0;
+        for (auto& v : out[b]) {
+            v = static_cast<float>(v - mean);
+            sq += static_cast<double>(v) * v;
+        }
+        const float scale = static_cast<float>(1.0 / std::sqrt(sq / count + 1e-12));
+        for (auto& v : out[b]) {
+            v *= scale;
+        }
+    }
+    return SpectralBands::Feature(std::move(out), count);
+}
+
+// Whether the band search is in place: a stretch cut from a longer signal must be found in it.
+inline bool signalCoreReady() {
+    const auto bands = randomBands(2000, 7);
+    const auto whole = cutFeature(bands, 0, 2000, 1, 0.0f);
+    const auto part = cutFeature(bands, 500, 500, 2, 0.0f);
+    const auto found = SpectralBands::peaks(part, whole, -1e9, 1e9, 8.0, 1, 0.5);
+    return !found.empty() && std::abs(found.front().offsetSeconds - 20.0) < 0.05;
+}
+
+} // namespace SyncFixtures
