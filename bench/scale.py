@@ -9,7 +9,6 @@
 
 import json
 import os
-import resource
 import subprocess
 import sys
 import tempfile
@@ -40,16 +39,17 @@ def write_mp4(path, seconds):
 
 
 def run_cli(cli, request_path, cache):
+    """Runs one request; returns seconds, the CLI's own peak RSS in MB, exit code, event lines."""
     env = dict(os.environ, XDG_CACHE_HOME=cache)
-    before = resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss
-    start = time.monotonic()
-    with open(os.devnull, "w") as null:
-        proc = subprocess.run([cli, "--input", request_path], stdout=subprocess.PIPE,
-                              stderr=null, env=env)
-    elapsed = time.monotonic() - start
-    peak_kb = resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss
-    lines = proc.stdout.decode("utf-8", "replace").splitlines()
-    return elapsed, max(peak_kb, before) / 1024.0, proc.returncode, lines
+    with tempfile.TemporaryFile() as out, open(os.devnull, "w") as null:
+        start = time.monotonic()
+        proc = subprocess.Popen([cli, "--input", request_path], stdout=out, stderr=null, env=env)
+        _, status, usage = os.wait4(proc.pid, 0)
+        elapsed = time.monotonic() - start
+        proc.returncode = os.waitstatus_to_exitcode(status)
+        out.seek(0)
+        lines = out.read().decode("utf-8", "replace").splitlines()
+    return elapsed, usage.ru_maxrss / 1024.0, proc.returncode, lines
 
 
 def main():
