@@ -124,6 +124,12 @@ std::optional<SpectralBands::Feature> decodeBands(std::span<const std::uint8_t> 
     if (header[0] != kBandsVersion || header[2] > INT_MAX) {
         return std::nullopt;
     }
+    // No feature has more than a handful of bands; a count in the millions with no frames would
+    // fit the byte test and still cost gigabytes of empty bands, so such a file is foreign.
+    constexpr std::uint32_t kMaxBands = 1024;
+    if (header[1] > kMaxBands) {
+        return std::nullopt;
+    }
     const std::uint64_t bandCount = header[1];
     const std::uint64_t frames = header[2];
     const std::uint64_t runBytes = frames * 4;
@@ -133,7 +139,9 @@ std::optional<SpectralBands::Feature> decodeBands(std::span<const std::uint8_t> 
     SpectralBands::Feature::Bands bands(bandCount);
     for (auto& band : bands) {
         band.resize(frames);
-        std::memcpy(band.data(), bytes.data() + pos, runBytes);
+        if (runBytes > 0) {
+            std::memcpy(band.data(), bytes.data() + pos, runBytes);
+        }
         pos += runBytes;
     }
     if (std::endian::native != std::endian::little) {

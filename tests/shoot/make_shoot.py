@@ -180,6 +180,18 @@ SCENARIOS = {
              [("T001", 0.0, 170.0), ("T002", 175.0, 110.0)]),
         ],
     },
+    # The smallest shoot with every kind of device, for tests that run the engine often.
+    "small": {
+        "total": 100,
+        "devices": [
+            ("CamA", "camera", ("Canon", "EOS R5"), 2.0,
+             [("A001", 3.0, 22.0), ("A002", 40.0, 25.0)]),
+            ("CamB", "camera", ("Sony", "FX3"), -2 * 3600 + 9.0,
+             [("C0001", 8.0, 24.0), ("C0002", 45.0, 30.0)]),
+            ("Sound", "recorder", "ZOOM F6", 0.0,
+             [("T001", 0.0, 35.0), ("T002", 38.0, 40.0)]),
+        ],
+    },
     # Twenty clips on two tracks, for timing a run with and without cached features.
     "twenty": {
         "total": 620,
