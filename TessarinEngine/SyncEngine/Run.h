@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cstdint>
 #include <limits>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -232,6 +233,15 @@ bool runPass1(Run& run, ChainState& chain, const std::vector<Pass1Job>& jobs,
 void syncClipChain(Run& run, const std::vector<ClipRef>& refs, const std::string& label,
                    const std::vector<PoolSpan>& pass1Spans,
                    const std::vector<PoolSpan>& pass3Spans);
+
+struct HotSpot {
+    double footage = 0;
+    double spread = 0;
+};
+// Seeds (by clip index) that spread over much footage yet land in one short stretch of the pool:
+// they heard one loud passage, not their places.
+std::optional<HotSpot> findHotSpot(const std::map<int, Match>& seeds,
+                                   const std::vector<double>& prefixDur);
 
 struct TrackResult {
     int matched = 0;

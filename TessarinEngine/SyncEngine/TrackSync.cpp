@@ -19,6 +19,25 @@ constexpr double kHotSpotSpreadShare = 0.3;
 constexpr double kProbeOrderTolerance = 3.0;
 constexpr double kNoUpperBracket = 1e12;
 
+} // namespace
+
+std::optional<HotSpot> findHotSpot(const std::map<int, Match>& seeds,
+                                   const std::vector<double>& prefixDur) {
+    if (seeds.size() < kHotSpotMinSeeds) {
+        return std::nullopt;
+    }
+    const int first = seeds.begin()->first;
+    const int last = seeds.rbegin()->first;
+    const double footage = prefixDur[last] - prefixDur[first];
+    const double spread = std::abs(seeds.rbegin()->second.pos - seeds.begin()->second.pos);
+    if (footage > kHotSpotMinFootage && spread < footage * kHotSpotSpreadShare) {
+        return HotSpot{footage, spread};
+    }
+    return std::nullopt;
+}
+
+namespace {
+
 // The whole-pool window probe for a track whose Pass 1 found no anchor. Places seeds as anchors,
 // or returns true when they form a hot spot.
 bool seedFromWholePool(Run& run, ChainState& chain, const std::vector<PoolSpan>& pool,
@@ -46,19 +65,13 @@ bool seedFromWholePool(Run& run, ChainState& chain, const std::vector<PoolSpan>&
             return true;
         });
 
-    if (seeds.size() >= kHotSpotMinSeeds) {
-        const int first = seeds.begin()->first;
-        const int last = seeds.rbegin()->first;
-        const double footage = chain.prefixDur[last] - chain.prefixDur[first];
-        const double spread = std::abs(seeds.rbegin()->second.pos - seeds.begin()->second.pos);
-        if (footage > kHotSpotMinFootage && spread < footage * kHotSpotSpreadShare) {
-            logDetail(format("track '%s': %d clips spanning %.0f min of footage all correlate to "
-                             "a %.0f s window — a hot spot in the pool, not a chain. Laying the "
-                             "whole track by its own clock.",
-                             trackName.c_str(), static_cast<int>(seeds.size()), footage / 60.0,
-                             spread));
-            return true;
-        }
+    if (const auto spot = findHotSpot(seeds, chain.prefixDur)) {
+        logDetail(format("track '%s': %d clips spanning %.0f min of footage all correlate to a "
+                         "%.0f s window — a hot spot in the pool, not a chain. Laying the whole "
+                         "track by its own clock.",
+                         trackName.c_str(), static_cast<int>(seeds.size()), spot->footage / 60.0,
+                         spot->spread));
+        return true;
     }
     std::vector<ChainAnchor> pairs;
     for (const auto& [k, m] : seeds) {
