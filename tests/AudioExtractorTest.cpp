@@ -435,3 +435,76 @@ TEST(AudioExtractor, ResamplingKeepsPitchLengthAndTime) {
 TEST(AudioExtractor, EveryResamplerOptionIsPinned) {
     EXPECT_EQ(MediaDecoder::unpinnedResamplerOptions(), std::vector<std::string>{});
 }
+
+namespace {
+
+BRAWAudio::Result brawStereo(const std::vector<float>& left, const std::vector<float>& right) {
+    BRAWAudio::Result result;
+    result.sampleRate = 48000;
+    result.channelCount = 2;
+    result.frameCount = left.size();
+    for (std::size_t i = 0; i < left.size(); ++i) {
+        result.interleaved.push_back(left[i]);
+        result.interleaved.push_back(right[i]);
+    }
+    return result;
+}
+
+std::optional<TessarinError> brawError(const BRAWAudio::Result& result) {
+    try {
+        AudioExtractor::extractFromBRAWResult(result, "A001.braw", {});
+    } catch (const TessarinError& e) {
+        return e;
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
+TEST(AudioExtractor, BRAWAudioIsFoldedResampledAndLevelled) {
+    const auto tone = sine(1000, 0.4f, 1.0, 48000);
+    std::vector<double> progress;
+    auto audio = AudioExtractor::extractFromBRAWResult(brawStereo(tone, tone), "A001.braw",
+                                                       [&](double f) { progress.push_back(f); });
+    EXPECT_EQ(progress, std::vector<double>{0.9});
+    EXPECT_NEAR(static_cast<double>(audio.samples.size()), 16000.0, 2);
+    EXPECT_DOUBLE_EQ(audio.duration, static_cast<double>(audio.samples.size()) / 16000.0);
+    EXPECT_FLOAT_EQ(peakOf(audio.samples), 0.5f);
+
+    // Three channels that sum to zero are silent once folded to their mean.
+    BRAWAudio::Result three;
+    three.sampleRate = 48000;
+    three.channelCount = 3;
+    three.frameCount = tone.size();
+    for (float v : tone) {
+        three.interleaved.insert(three.interleaved.end(), {v, -0.5f * v, -0.5f * v});
+    }
+    auto error = brawError(three);
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->caseText(), "silentAudio(\"A001.braw\")");
+
+    // A lone spike of 0.0012 at 48 kHz is above the silence limit, but the 16 kHz signal that
+    // matching sees keeps only about a third of it.
+    std::vector<float> spike(48000, 0.0f);
+    spike[24000] = 0.0012f;
+    error = brawError(brawStereo(spike, spike));
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->kind(), Kind::silentAudio);
+}
+
+TEST(AudioExtractor, BRAWResultsWithoutUsableAudioAreNoAudioTrack) {
+    const auto tone = sine(1000, 0.4f, 0.5, 48000);
+    auto noFrames = brawStereo(tone, tone);
+    noFrames.frameCount = 0;
+    auto noChannels = brawStereo(tone, tone);
+    noChannels.channelCount = 0;
+    auto noRate = brawStereo(tone, tone);
+    noRate.sampleRate = 0;
+    auto shortData = brawStereo(tone, tone);
+    shortData.interleaved.pop_back();
+    for (const auto& result : {noFrames, noChannels, noRate, shortData}) {
+        auto error = brawError(result);
+        ASSERT_TRUE(error.has_value());
+        EXPECT_EQ(error->caseText(), "noAudioTrack(\"A001.braw\")");
+    }
+}
