@@ -42,7 +42,7 @@ void scaleToHalfPeak(std::vector<float>& samples) {
     }
 }
 
-// Clipping first means a codec's overshoot cannot push the rest of the file down in levelling.
+// Lossy decoders overshoot full scale a little; everything after extraction expects -1...1.
 void clipToUnit(std::vector<float>& samples) {
     for (float& v : samples) {
         v = std::clamp(v, -1.0f, 1.0f);
@@ -209,7 +209,7 @@ ExtractedAudio extractFromBRAWResult(const BRAWAudio::Result& result, const std:
     auto samples = resampleMono(mono, result.sampleRate, kRateHz);
     mono = {};
     clipToUnit(samples);
-    // Silence is judged after resampling: the filter may move a lone spike's peak either way.
+    // Silence is judged on the 16 kHz signal that matching sees, not at the clip's own rate.
     return finish(std::move(samples), fileName);
 }
 

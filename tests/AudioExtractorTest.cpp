@@ -66,6 +66,7 @@ TEST(AudioExtractor, BadInputsFailWithTheirOwnErrorAndNeverHang) {
     ASSERT_EQ(::mkfifo((dir / "pipe.wav").c_str(), 0600), 0);
     writeBytes(dir / "empty.mov", {});
     writeBytes(dir / "noise.mov", randomBytes(20000, 7));
+    writeWav(dir / "no-data.wav", std::vector<float>{}, {});
 
     // A recording cut short by a dead battery: with the index at the end, the index is missing;
     // with it in front, the last packet is torn.
@@ -95,6 +96,7 @@ TEST(AudioExtractor, BadInputsFailWithTheirOwnErrorAndNeverHang) {
         {"noise.mov", Kind::readerStartFailed, "Invalid data found when processing input"},
         {"whole-cut.mp4", Kind::readerStartFailed, "Invalid data found when processing input"},
         {"front-cut.mp4", Kind::emptySamples, "front-cut.mp4"},
+        {"no-data.wav", Kind::emptySamples, "no-data.wav"},
         {"picture.mp4", Kind::noAudioTrack, "picture.mp4"},
     };
     for (const auto& c : cases) {
