@@ -15,7 +15,7 @@ namespace MediaFixtures {
 void runFfmpeg(const std::vector<std::string>& args);
 
 // Arguments that add one lavfi audio input: `expression` in t (seconds), e.g.
-// "0.5*sin(2*PI*440*t)", with `;`-free expressions per channel separated by '|'.
+// "0.5*sin(2*PI*440*t)"; several channels are expressions separated by '|'.
 std::vector<std::string> lavfiAudio(const std::string& expression, int rateHz, double seconds);
 
 enum class WavSampleFormat { pcm16, float32 };
