@@ -35,6 +35,18 @@ std::string_view statusMark(SyncStatus status) {
     return "…";
 }
 
+// The name padded to `width` characters as a text editor counts them (UTF-16 units), not bytes, so
+// that names with accents line up with the rest.
+std::string padded(const std::string& name, std::size_t width) {
+    std::size_t units = 0;
+    for (unsigned char c : name) {
+        if ((c & 0xC0) != 0x80) {
+            units += c >= 0xF0 ? 2 : 1;
+        }
+    }
+    return units >= width ? name : name + std::string(width - units, ' ');
+}
+
 // The first longest clip among `cis`, by duration.
 int longestOf(const std::vector<ClipItem>& clips, const std::vector<int>& cis) {
     int best = cis.front();
@@ -220,8 +232,8 @@ void logLayoutAndDone(const Run& run) {
                 logged ? format("score=%.1f", static_cast<double>(entry->second.score))
                        : std::string("score= — ");
             const std::string kind = logged ? entry->second.kind : std::string("interp");
-            EngineLog::log(format("[SyncEngine]    %-28s  start=%.1fs  end=%.1fs  %s  %s %s [%s]",
-                                  clipName(clip).c_str(), clip.startOffset,
+            EngineLog::log(format("[SyncEngine]    %s  start=%.1fs  end=%.1fs  %s  %s %s [%s]",
+                                  padded(clipName(clip), 28).c_str(), clip.startOffset,
                                   clip.startOffset + clip.duration,
                                   std::string(statusMark(clip.syncStatus)).c_str(), raw.c_str(),
                                   score.c_str(), kind.c_str()));
