@@ -1,5 +1,4 @@
 #include "TessarinEngine/IngestEngine.h"
-
 #include "tests/support/TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -136,7 +135,8 @@ TEST(IngestEngine, SplitKeepsTheEightLargestOfManyDevices) {
         devices.push_back({"Model " + std::string(1, char('A' + k)), k < 8 ? 5 - k / 4 : 3});
     }
     TestSupport::LogCapture log;
-    const auto out = IngestEngine::splitSourcesByDevice({trackOf("Card", SourceType::video, devices)});
+    const auto out =
+        IngestEngine::splitSourcesByDevice({trackOf("Card", SourceType::video, devices)});
     ASSERT_EQ(out.size(), 9u);
     EXPECT_EQ(summarise(out)[0], (Summary{"Model A", "Model A", 5}));
     EXPECT_EQ(summarise(out)[7], (Summary{"Model H", "Model H", 4}));
@@ -152,13 +152,13 @@ TEST(IngestEngine, SplitAdoptsUnnamedClipsByFileNamePrefixAndSortsThem) {
     TrackSource t;
     t.name = "Drop";
     t.session = "/s";
-    for (auto [file, device] : std::vector<std::pair<std::string, std::string>>{
-             {"A001C010.mov", ""},
-             {"B002C001.mov", "Canon"},
-             {"A001C004.mov", "RED"},
-             {"A001C005.mov", ""},
-             {"B002C003.mov", ""},
-             {"notes.mov", ""}}) {
+    for (auto [file, device] :
+         std::vector<std::pair<std::string, std::string>>{{"A001C010.mov", ""},
+                                                          {"B002C001.mov", "Canon"},
+                                                          {"A001C004.mov", "RED"},
+                                                          {"A001C005.mov", ""},
+                                                          {"B002C003.mov", ""},
+                                                          {"notes.mov", ""}}) {
         ClipItem c("/d/" + file);
         if (!device.empty()) {
             c.deviceName = device;

@@ -1,5 +1,4 @@
 #include "TessarinEngine/IngestEngine.h"
-
 #include "tests/R3DHeaderTestBytes.h"
 #include "tests/support/TestSupport.h"
 
@@ -224,11 +223,11 @@ TEST(IngestEngine, REDTakeOfTwoChunksBecomesOneClipCarriedByItsWAV) {
     write(take1 / "A001_C001_0305XY_002.R3D", std::vector<std::uint8_t>(5000, 0));
     touch(take1 / "A001_C001_0305XY.wav");
     // The next take starts 200 edge frames later; it has no sound file of its own.
-    write(take2 / "A001_C002_0305XY_001.R3D", header({text(160, "V-RAPTOR"),
-                                                     text(173, "01:00:08:08")}));
+    write(take2 / "A001_C002_0305XY_001.R3D",
+          header({text(160, "V-RAPTOR"), text(173, "01:00:08:08")}));
     // A take on the card that was not dropped still gives its neighbour a length.
-    write(take3 / "A001_C003_0305XY_001.R3D", header({text(160, "V-RAPTOR"),
-                                                     text(173, "01:00:09:08")}));
+    write(take3 / "A001_C003_0305XY_001.R3D",
+          header({text(160, "V-RAPTOR"), text(173, "01:00:09:08")}));
 
     const std::vector<IngestItem> items = {
         {take1 / "A001_C001_0305XY_001.R3D", dir.path()},
@@ -256,6 +255,7 @@ TEST(IngestEngine, REDTakeOfTwoChunksBecomesOneClipCarriedByItsWAV) {
     EXPECT_EQ(t.clips[1].url, take2 / "A001_C002_0305XY_001.R3D");
     EXPECT_FALSE(t.clips[1].pictureURL);
     EXPECT_FALSE(t.clips[1].pixelWidth);
-    EXPECT_EQ(log.lines(), std::vector<std::string>{
-                               "[Ingest] RED: 3 chunk(s) → 2 take(s), 2 with a known picture length"});
+    EXPECT_EQ(log.lines(),
+              std::vector<std::string>{
+                  "[Ingest] RED: 3 chunk(s) → 2 take(s), 2 with a known picture length"});
 }

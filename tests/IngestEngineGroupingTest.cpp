@@ -1,5 +1,4 @@
 #include "TessarinEngine/IngestEngine.h"
-
 #include "tests/support/TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -38,8 +37,8 @@ constexpr Date kT = 1700000000;
 
 TEST(IngestEngine, ChannelStems) {
     const std::pair<const char*, const char*> cases[] = {
-        {"/r/SCENE12_3.wav", "SCENE12"}, {"/r/_3.wav", "_3"},        {"/r/TAKE.wav", "TAKE"},
-        {"/r/A_B_C.wav", "A_B"},          {"/r/T1_.wav", "T1_"},      {"/r/Sc_1_Tr1.WAV", "Sc_1"},
+        {"/r/SCENE12_3.wav", "SCENE12"}, {"/r/_3.wav", "_3"},   {"/r/TAKE.wav", "TAKE"},
+        {"/r/A_B_C.wav", "A_B"},         {"/r/T1_.wav", "T1_"}, {"/r/Sc_1_Tr1.WAV", "Sc_1"},
     };
     for (const auto& [file, stem] : cases) {
         EXPECT_EQ(IngestEngine::channelStem(file), stem) << file;
@@ -159,7 +158,8 @@ TEST(IngestEngine, CameraGroupsFollowFileNumberingAcrossTracks) {
          {trackOf("B", {{"C0121.MP4"}, {"C0130.MP4"}}, video),
           trackOf("A", {{"C0101.MP4"}, {"C0120.MP4"}}, video)},
          {"cam-0", "cam-0"}},
-        {"gap of 32", {trackOf("A", {{"C0120.MP4"}}, video), trackOf("B", {{"C0152.MP4"}}, video)},
+        {"gap of 32",
+         {trackOf("A", {{"C0120.MP4"}}, video), trackOf("B", {{"C0152.MP4"}}, video)},
          {"cam-0", "cam-0"}},
         {"gap of 33",
          {trackOf("A", {{"C0120.MP4"}}, video), trackOf("B", {{"C0153.MP4"}}, video)},

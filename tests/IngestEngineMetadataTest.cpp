@@ -1,5 +1,4 @@
 #include "TessarinEngine/IngestEngine.h"
-
 #include "tests/support/TestSupport.h"
 
 #include <atomic>
@@ -180,12 +179,12 @@ TEST(IngestEngine, LoadMetadataLogsEachTracksClockInLocalTime) {
 
 TEST(IngestEngine, SortSourcesPutsVideoFirstInNaturalNameOrder) {
     std::vector<TrackSource> tracks;
-    for (auto [name, type] : std::vector<std::pair<std::string, SourceType>>{
-             {"Zoom", SourceType::audio},
-             {"cam 10", SourceType::video},
-             {"Boom", SourceType::audio},
-             {"Cam 9", SourceType::video},
-             {"cam 9", SourceType::video}}) {
+    for (auto [name, type] :
+         std::vector<std::pair<std::string, SourceType>>{{"Zoom", SourceType::audio},
+                                                         {"cam 10", SourceType::video},
+                                                         {"Boom", SourceType::audio},
+                                                         {"Cam 9", SourceType::video},
+                                                         {"cam 9", SourceType::video}}) {
         TrackSource t;
         t.name = name;
         t.type = type;

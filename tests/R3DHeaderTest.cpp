@@ -73,26 +73,30 @@ TEST(R3DHeader, LaterRecordsOverwriteAndUnusableRecordsClear) {
         {"text without NUL runs to the end of the payload",
          {text(160, "KOMODO"), text(161, "S35", false)},
          with([](auto& m) { m.sensor = "S35"; })},
-        {"text stops at the first NUL",
-         {text(160, std::string("KOMODO\0junk", 11))},
-         base},
+        {"text stops at the first NUL", {text(160, std::string("KOMODO\0junk", 11))}, base},
         {"bad UTF-8 is repaired",
          {text(160, "KOMODO"), text(37, "v\xff"
-                                         "1")},
-         with([](auto& m) { m.firmware = "v\xEF\xBF\xBD"
-                                          "1"; })},
-        {"rate of the wrong type clears", {text(160, "KOMODO"), real(102, 25), real(102, 25, 96)}, base},
+                                        "1")},
+         with([](auto& m) {
+             m.firmware = "v\xEF\xBF\xBD"
+                          "1";
+         })},
+        {"rate of the wrong type clears",
+         {text(160, "KOMODO"), real(102, 25), real(102, 25, 96)},
+         base},
         {"not-a-number rate clears", {text(160, "KOMODO"), real(102, 25), real(102, nan)}, base},
         {"short rate payload clears",
          {text(160, "KOMODO"), real(102, 25), Rec{32, 102, {0x41, 0xc8}}},
          base},
-        {"sample rate of type 80", {text(160, "KOMODO"), be32Rec(80, 191, 96000)},
+        {"sample rate of type 80",
+         {text(160, "KOMODO"), be32Rec(80, 191, 96000)},
          with([](auto& m) { m.audioSampleRate = 96000; })},
         {"sample rate of a text type clears",
          {text(160, "KOMODO"), be32Rec(96, 191, 48000), text(191, "48000")},
          base},
-        {"reel from tag 25 alone", {text(160, "KOMODO"), text(25, "B002")},
-         with([](auto& m) { m.reel = "B002"; })},
+        {"reel from tag 25 alone", {text(160, "KOMODO"), text(25, "B002")}, with([](auto& m) {
+             m.reel = "B002";
+         })},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -146,9 +150,12 @@ TEST(R3DHeader, GivesNothingWithoutSignatureChainOrKeyField) {
     auto truncated = header({text(160, "KOMODO")}, Rdi{}, 8, 128, 128 + 11 + 28);
     truncated.resize(truncated.size() - 2);
     const std::pair<const char*, const std::vector<std::uint8_t>*> cases[] = {
-        {"128 bytes", &shortFile},          {"signature", &badSignature},
-        {"seven records", &sevenRecords},   {"frame block only", &noChain},
-        {"no key field", &onlyOtherFields}, {"chain starting after 512", &chainAfter512},
+        {"128 bytes", &shortFile},
+        {"signature", &badSignature},
+        {"seven records", &sevenRecords},
+        {"frame block only", &noChain},
+        {"no key field", &onlyOtherFields},
+        {"chain starting after 512", &chainAfter512},
         {"chain cut by end of data", &truncated},
     };
     ASSERT_TRUE(R3DHeader::read(std::span<const std::uint8_t>(good)));

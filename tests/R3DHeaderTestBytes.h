@@ -27,7 +27,8 @@ inline Rec text(std::uint8_t tag, const std::string& s, bool terminate = true) {
 }
 
 inline Rec be32Rec(std::uint8_t type, std::uint8_t tag, std::uint32_t v) {
-    return {type, tag,
+    return {type,
+            tag,
             {std::uint8_t(v >> 24), std::uint8_t(v >> 16), std::uint8_t(v >> 8), std::uint8_t(v)}};
 }
 

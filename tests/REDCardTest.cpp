@@ -121,9 +121,9 @@ TEST(REDCard, TakeCountsChunksAndFindsItsSidecar) {
 TEST(REDCard, PictureLengthsFromEdgeTimecodesAndBytes) {
     // Frames between edges: 100, 150, then the last take by bytes at the median bytes per frame.
     // Bytes per frame are 10, 40 and (with the last) unknown: median of [10, 40] is 40.
-    auto takes = REDCard::withPictureLengths({takeWith("00:00:00:00", 1000),
-                                              takeWith("00:00:04:04", 6000),
-                                              takeWith("00:00:10:10", 2000)});
+    auto takes =
+        REDCard::withPictureLengths({takeWith("00:00:00:00", 1000), takeWith("00:00:04:04", 6000),
+                                     takeWith("00:00:10:10", 2000)});
     EXPECT_EQ(takes[0].pictureFrames, 100);
     EXPECT_EQ(takes[1].pictureFrames, 150);
     EXPECT_EQ(takes[2].pictureFrames, 50);
@@ -131,9 +131,9 @@ TEST(REDCard, PictureLengthsFromEdgeTimecodesAndBytes) {
     // Edges that run backwards give no length; that take is sized from its bytes. Known lengths
     // 100, 48 and 100 frames give 10, 20 and 30 bytes per frame: the median is 20.
     takes = REDCard::withPictureLengths(
-        {takeWith("00:00:00:00", 1000), takeWith("00:00:04:04", 3000),
-         takeWith("00:00:02:00", 960), takeWith("00:00:04:00", 3000),
-         takeWith("00:00:08:04", 1500), takeWith("bad", 999), takeWith(std::nullopt, 1)});
+        {takeWith("00:00:00:00", 1000), takeWith("00:00:04:04", 3000), takeWith("00:00:02:00", 960),
+         takeWith("00:00:04:00", 3000), takeWith("00:00:08:04", 1500), takeWith("bad", 999),
+         takeWith(std::nullopt, 1)});
     const std::optional<int> expected[] = {100, 150, 48, 100, 75, 50, std::nullopt};
     for (std::size_t i = 0; i < takes.size(); ++i) {
         SCOPED_TRACE(i);
@@ -168,5 +168,6 @@ TEST(REDCard, CardsAreTheFoldersHoldingTakes) {
     EXPECT_FALSE(cards[1].takes[0].pictureFrames);
 
     EXPECT_TRUE(REDCard::cards(dir / "missing").empty());
-    EXPECT_TRUE(REDCard::cards(reelA / "A001_C001_0101AB.RDC" / "A001_C001_0101AB_001.R3D").empty());
+    EXPECT_TRUE(
+        REDCard::cards(reelA / "A001_C001_0101AB.RDC" / "A001_C001_0101AB_001.R3D").empty());
 }
