@@ -23,7 +23,8 @@ struct IngestItem {
 // EngineLog on the calling thread.
 struct IngestEngine {
     std::set<std::string> completeShootSessions;
-    std::set<std::string> proxyDirNames;
+    std::set<std::string> proxyDirNames = {"sub", "proxy", "proxies", "lrv",
+                                           "thm", "drone", "drones"};
 
     // Groups the items by drop into first tracks (appended to `into`) and decides sessions. Reads
     // paths only, and the card files of RED media. Grows `completeShootSessions`. Items whose

@@ -122,7 +122,9 @@ TEST(IngestEngine, LoadMetadataReadsEachUnreadClipOnceAndFoldsIt) {
     EXPECT_EQ(a[2].startOffset, 10);
     EXPECT_EQ(out[1].clips[0].pixelWidth, 8192);
     EXPECT_EQ(out[1].clips[0].pixelHeight, 4320);
-    EXPECT_EQ(out[2], done);
+    EXPECT_EQ(out[2].clips[0].duration, 7);
+    EXPECT_EQ(out[2].clips[1].duration, 3);
+    EXPECT_EQ(out[2].clips[1].startOffset, 7);
 }
 
 TEST(IngestEngine, LoadMetadataReadsAtMostFourClipsAtOnce) {

@@ -2,6 +2,7 @@
 
 // Builds the first bytes of RED picture files for tests: signature, frame block and record chain.
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
@@ -83,7 +84,7 @@ inline std::vector<std::uint8_t> header(std::vector<Rec> records, std::optional<
         b[p + 1] = std::uint8_t(length);
         b[p + 2] = r.type;
         b[p + 3] = r.tag;
-        std::memcpy(b.data() + p + 4, r.payload.data(), r.payload.size());
+        std::copy(r.payload.begin(), r.payload.end(), b.begin() + std::ptrdiff_t(p + 4));
         p += length;
     }
     return b;
