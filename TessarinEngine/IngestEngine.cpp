@@ -101,6 +101,11 @@ std::string folderKey(const fs::path& p) {
     return withoutTrailingSeparator(p.lexically_normal()).string();
 }
 
+void logSkippedName(const fs::path& p) {
+    EngineLog::log("[Ingest] skipped a file whose name is not valid UTF-8: " +
+                   Text::repairUtf8(p.string()));
+}
+
 struct Kinds {
     bool video = false;
     bool audio = false;
@@ -177,8 +182,7 @@ std::vector<TrackSource> IngestEngine::ingestFlat(const std::vector<IngestItem>&
     valid.reserve(items.size());
     for (const auto& item : items) {
         if (!Text::isValidUtf8(item.path.string()) || !Text::isValidUtf8(item.dropHint.string())) {
-            EngineLog::log("[Ingest] skipped a file whose name is not valid UTF-8: " +
-                           Text::repairUtf8(item.path.string()));
+            logSkippedName(item.path);
             continue;
         }
         valid.push_back(
@@ -205,6 +209,10 @@ std::vector<TrackSource> IngestEngine::ingestFlat(const std::vector<IngestItem>&
                     continue;
                 }
                 const fs::path primary = it->second->wav ? *it->second->wav : it->second->picture;
+                if (!Text::isValidUtf8(primary.string())) {
+                    logSkippedName(primary);
+                    continue;
+                }
                 takesByPath[primary.string()] = *it->second;
                 kept.push_back({primary, parent.parent_path()});
                 continue;
@@ -234,8 +242,9 @@ std::vector<TrackSource> IngestEngine::ingestFlat(const std::vector<IngestItem>&
         }
     }
     if (!seenTakeFolders.empty()) {
-        const auto known = std::count_if(takesByPath.begin(), takesByPath.end(),
-                                         [](const auto& e) { return e.second.pictureFrames; });
+        const auto known = std::count_if(takesByPath.begin(), takesByPath.end(), [](const auto& e) {
+            return e.second.pictureFrames.has_value();
+        });
         EngineLog::log("[Ingest] RED: " + std::to_string(chunkCount) + " chunk(s) → " +
                        std::to_string(seenTakeFolders.size()) + " take(s), " +
                        std::to_string(known) + " with a known picture length");
