@@ -5,9 +5,9 @@
 
 namespace {
 
-struct ClipSpec {
-    ClipSpec(std::string f, double d = 10, std::optional<Date> t = {},
-             ClockQuality q = ClockQuality::none)
+struct ClipSetup {
+    ClipSetup(std::string f, double d = 10, std::optional<Date> t = {},
+              ClockQuality q = ClockQuality::none)
         : file(std::move(f)), duration(d), date(t), quality(q) {}
     std::string file;
     double duration;
@@ -15,17 +15,17 @@ struct ClipSpec {
     ClockQuality quality;
 };
 
-TrackSource trackOf(const std::string& name, const std::vector<ClipSpec>& clips,
+TrackSource trackOf(const std::string& name, const std::vector<ClipSetup>& clips,
                     SourceType type = SourceType::audio, const std::string& session = "/s") {
     TrackSource t;
     t.name = name;
     t.type = type;
     t.session = session;
-    for (const auto& spec : clips) {
-        ClipItem c("/media/" + name + "/" + spec.file);
-        c.duration = spec.duration;
-        c.recordingDate = spec.date;
-        c.clockQuality = spec.quality;
+    for (const auto& setup : clips) {
+        ClipItem c("/media/" + name + "/" + setup.file);
+        c.duration = setup.duration;
+        c.recordingDate = setup.date;
+        c.clockQuality = setup.quality;
         t.clips.push_back(c);
     }
     return t;
@@ -48,8 +48,8 @@ TEST(IngestEngine, ChannelStems) {
 TEST(IngestEngine, OneClipChannelPairsByLengthAndClock) {
     struct Case {
         const char* name;
-        ClipSpec a;
-        ClipSpec b;
+        ClipSetup a;
+        ClipSetup b;
         std::string sessionB;
         bool channels;
     };
@@ -100,7 +100,7 @@ TEST(IngestEngine, OneClipChannelPairsByLengthAndClock) {
 TEST(IngestEngine, ChannelTracksNeedNineTenthsOfTheirClipsTwinned) {
     for (int twins : {9, 8}) {
         SCOPED_TRACE(twins);
-        std::vector<ClipSpec> a, b;
+        std::vector<ClipSetup> a, b;
         for (int i = 0; i < 10; ++i) {
             a.push_back({"S" + std::to_string(i) + "_1.wav", 30});
             b.push_back({"S" + std::to_string(i) + "_2.wav", i < twins ? 30.0 : 40.0});
@@ -114,7 +114,7 @@ TEST(IngestEngine, ChannelTracksNeedNineTenthsOfTheirClipsTwinned) {
     }
 
     // Nine clips against ten: the larger track leads though its name sorts last.
-    std::vector<ClipSpec> ten, nine;
+    std::vector<ClipSetup> ten, nine;
     for (int i = 0; i < 10; ++i) {
         ten.push_back({"S" + std::to_string(i) + "_1.wav"});
         if (i < 9) {
