@@ -200,13 +200,23 @@ TEST(Pipeline, ResultEventCarriesClipAndTrackFields) {
     EXPECT_FALSE(r.pictureDuration);
 }
 
-TEST(Pipeline, RequestWithoutMediaEndsWithTheRunLevelError) {
-    Request request;
-    request.items.push_back({"/nonexistent/a.wav", "/nonexistent"});
+TEST(Pipeline, RunLevelErrorsEndTheRun) {
+    Recorder empty;
+    EXPECT_FALSE(Pipeline::runPipeline(Request{}, empty.sink()));
+    ASSERT_EQ(empty.events.size(), 1u);
+    EXPECT_FALSE(std::get<ErrorEvent>(empty.events[0]).path);
+    EXPECT_EQ(std::get<ErrorEvent>(empty.events[0]).message, "No valid media found in request");
+
+    // A missing file stays a clip: it is read, fails to extract, and leaves one track.
+    Request oneTrack;
+    oneTrack.items.push_back({"/nonexistent/a.wav", "/nonexistent"});
     Recorder rec;
-    EXPECT_FALSE(Pipeline::runPipeline(request, rec.sink()));
-    ASSERT_EQ(rec.events.size(), 1u);
-    auto e = std::get<ErrorEvent>(rec.events[0]);
-    EXPECT_FALSE(e.path);
-    EXPECT_EQ(e.message, "No valid media found in request");
+    EXPECT_FALSE(Pipeline::runPipeline(oneTrack, rec.sink()));
+    ASSERT_EQ(rec.events.size(), 4u);
+    EXPECT_EQ(std::get<ProgressEvent>(rec.events[0]).phase, "metadata");
+    EXPECT_EQ(std::get<ProgressEvent>(rec.events[1]).phase, "extract");
+    EXPECT_EQ(std::get<ErrorEvent>(rec.events[2]).path, "/nonexistent/a.wav");
+    auto last = std::get<ErrorEvent>(rec.events[3]);
+    EXPECT_FALSE(last.path);
+    EXPECT_EQ(last.message, "Need at least 2 tracks to sync");
 }
