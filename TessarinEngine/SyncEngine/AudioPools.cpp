@@ -1,3 +1,4 @@
+#include "TessarinEngine/IngestEngine.h"
 #include "TessarinEngine/SyncEngine/PeakTiming.h"
 #include "TessarinEngine/SyncEngine/Run.h"
 
@@ -11,13 +12,6 @@ namespace {
 // and only the best peak of each segment is asked for.
 constexpr double kPoolMinOverlap = 8.0;
 constexpr double kPoolMinSeparation = 0.5;
-
-// TODO: use ingest's natural, creation-date-aware file order once it is public. Byte order of the
-// file names agrees with it for the zero-padded clip numbers cameras write, so group chains keep
-// their order on such names.
-bool fileBefore(const std::filesystem::path& a, const std::filesystem::path& b) {
-    return a.filename().string() < b.filename().string();
-}
 
 } // namespace
 
@@ -114,7 +108,7 @@ std::vector<ClipRef> orderedFlatClips(const Run& run, std::vector<int> tracks) {
         if (ca.empty() || cb.empty()) {
             return a < b;
         }
-        return fileBefore(ca.front().url, cb.front().url);
+        return IngestEngine::chronologicalOrder(ca.front().url, cb.front().url);
     });
     std::vector<ClipRef> flat;
     for (int si : tracks) {

@@ -128,8 +128,9 @@ TEST(AudioPools, ClipsOutsideTheRegionNeverEnter) {
 
 TEST(AudioPools, FlatClipsFollowTheTracksFirstFileOrder) {
     PoolFixture f;
-    f.run.sources[1].clips[0].url = "/shoot/B/B001.mov";
-    f.run.sources[2].clips[0].url = "/shoot/A/A001.wav";
+    // Numbers in names count as numbers: A9 goes before A10.
+    f.run.sources[1].clips[0].url = "/shoot/B/A10.mov";
+    f.run.sources[2].clips[0].url = "/shoot/A/A9.wav";
     const auto flat = orderedFlatClips(f.run, {1, 2});
     ASSERT_EQ(flat.size(), 8u);
     EXPECT_EQ(flat.front(), (ClipRef{2, 0}));
