@@ -90,16 +90,17 @@ inline std::vector<TrackSource> runEngine(std::vector<TrackSource> tracks,
     return SyncEngine::synchronise(std::move(tracks), r.onProgress(), r.onPlace(), cancel);
 }
 
-// Band curves of a made-up shoot: each band is a smoothed random walk, z-scored, so that any
+// Band curves of a made-up shoot: each band is smoothed noise (0 leaves it white), so that any
 // stretch of a few seconds is unlike every other stretch.
-inline std::vector<std::vector<float>> randomBands(int frames, unsigned seed) {
+inline std::vector<std::vector<float>> randomBands(int frames, unsigned seed,
+                                                   float smoothing = 0.6f) {
     std::mt19937 rng(seed);
     std::normal_distribution<float> noise(0.0f, 1.0f);
     std::vector<std::vector<float>> bands(8, std::vector<float>(static_cast<std::size_t>(frames)));
     for (auto& band : bands) {
         float level = 0;
         for (auto& v : band) {
-            level = 0.6f * level + noise(rng);
+            level = smoothing * level + noise(rng);
             v = level;
         }
     }
