@@ -107,3 +107,51 @@ TEST(TrackSync, RecorderFoundOutsideItsClockWindowOnlyByTheWholePoolProbe) {
     EXPECT_TRUE(log.contains("[SyncEngine]  track 'Rec': no Pass 1 anchor — seeded 1/1 from an "
                              "unbracketed whole-pool window probe"));
 }
+
+TEST(TrackSync, WholePoolProbeKeepsTheOrderOfTheStrongChainWithinThreeSeconds) {
+    if (!signalCoreReady()) {
+        GTEST_SKIP() << "the band search returns no peaks yet";
+    }
+    // A day-long reference; a recorder whose middle clip carries a clock 1000 s off, so that Pass 1
+    // searches the wrong stretch for it. Its neighbours anchor at 0 (60 s long) and 90, which
+    // closes its bracket at 60: only the whole-pool probe can place it.
+    constexpr Date t0 = 1.7e9;
+    const auto signal = randomBands(25 * 2700, 81);
+    auto ref = makeRecorder("Day", {});
+    ref.clips.push_back(makeClip("Day_0", 2700, t0));
+    ref.clips[0].bandFeature = cutFeature(signal, 0, 25 * 2700, 1);
+    struct Case {
+        double truth;
+        const char* line;
+        std::optional<double> placedAt;
+    };
+    const std::vector<Case> cases = {
+        {58, "[SyncEngine]  'Rec_1' found by whole-pool probe @ 60.0s", 60.0},
+        {56, "[SyncEngine]  'Rec_1' whole-pool probe @ 56.0s", std::nullopt},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.truth);
+        auto rec = makeRecorder("Rec", {});
+        const double starts[] = {0, c.truth, 90};
+        const double durs[] = {60, 30, 60};
+        const double clockError[] = {0, 1000, 0};
+        for (int i = 0; i < 3; ++i) {
+            rec.clips.push_back(
+                makeClip("Rec_" + std::to_string(i), durs[i], t0 + starts[i] + clockError[i]));
+            rec.clips[i].bandFeature = cutFeature(signal, static_cast<int>(starts[i] * 25),
+                                                  static_cast<int>(durs[i] * 25), 10 + i);
+        }
+        TestSupport::LogCapture log;
+        const auto out = runEngine({ref, rec});
+        EXPECT_TRUE(log.contains(c.line));
+        EXPECT_NEAR(out[1].clips[0].startOffset, 0, 0.041);
+        EXPECT_NEAR(out[1].clips[2].startOffset, 90, 0.041);
+        if (c.placedAt) {
+            EXPECT_EQ(out[1].clips[1].placementPass, "A4");
+            EXPECT_NEAR(out[1].clips[1].startOffset, *c.placedAt, 1e-9);
+        } else {
+            EXPECT_TRUE(log.contains("— out of order with the strong chain (60…60), ignored"));
+            EXPECT_NE(out[1].clips[1].placementPass, "A4");
+        }
+    }
+}
