@@ -110,6 +110,8 @@ TEST(Synchronise, ReferenceIsLaidByItsOwnClock) {
          "[SyncEngine]  ref 'Rec' laid out by its own clock — 0.5 min of pauses kept"},
         {"exactly 2 s after the end is butt-joined", t0 + 62, 60.0, nullptr},
         {"1.5 s after the end is butt-joined", t0 + 61.5, 60.0, nullptr},
+        {"2.5 s after the end is a pause", t0 + 62.5, 62.5,
+         "[SyncEngine]  ref 'Rec' laid out by its own clock — 0.0 min of pauses kept"},
         {"a date before the end never overlaps", t0 + 30, 60.0, nullptr},
         {"a week of pause is still a pause", t0 + 60 + 604800.0, 60.0 + 604800.0,
          "[SyncEngine]  ref 'Rec' laid out by its own clock — 10080.0 min of pauses kept"},
