@@ -28,6 +28,8 @@ constexpr double kWidest = std::numeric_limits<double>::max();
 constexpr float kSingleStrongScore = 14.0f;
 constexpr float kStrongScore = 7.0f;
 constexpr float kWeakScore = 4.5f;
+// Window votes of one clip that lie this close (inclusive) agree on its position.
+constexpr double kVoteClusterRadius = 5.0;
 // Clips shorter than this are never compared and never enter a pool.
 constexpr double kShortestMatched = 5.0;
 

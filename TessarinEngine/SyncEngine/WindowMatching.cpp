@@ -13,7 +13,6 @@ constexpr double kWindowShare = 0.4;
 constexpr double kWindowMax = 45.0;
 constexpr double kWindowMin = 10.0;
 constexpr double kWindowCentres[] = {0.15, 0.45, 0.75};
-constexpr double kClusterRadius = 5.0;
 constexpr double kMinWeight = 1e-6;
 
 constexpr double kTextOffsetMargin = 360.0;
@@ -56,7 +55,7 @@ std::optional<Match> multiWindowMatch(const std::optional<SpectralBands::Feature
     if (votes.empty()) {
         return std::nullopt;
     }
-    const auto cluster = largestCluster(votes, kClusterRadius);
+    const auto cluster = largestCluster(votes, kVoteClusterRadius);
     if (cluster.size() < 2) {
         if (!allowSingleStrong) {
             return std::nullopt;

@@ -170,7 +170,7 @@ TEST(WindowMatching, VotesClusterAroundTheSeedThatGathersMost) {
         for (double p : c.votes) {
             votes.push_back(Match{p, 8.0f});
         }
-        EXPECT_EQ(positions(largestCluster(votes, 5.0)), c.expected);
+        EXPECT_EQ(positions(largestCluster(votes, kVoteClusterRadius)), c.expected);
     }
 }
 
