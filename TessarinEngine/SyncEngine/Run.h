@@ -128,7 +128,7 @@ struct Run {
     const ClipItem& clip(ClipRef r) const { return sources[r.si].clips[r.ci]; }
 };
 
-// ---- Frame (Synchronise.cpp) ----
+// Frame (Synchronise.cpp)
 
 std::uint64_t regionKey(int si, int ci);
 bool inRegion(const Run& run, int si, int ci);
@@ -145,7 +145,7 @@ void reportPlace(Run& run, const ClipItem& clip);
 // Builds the region's keys, track lists, bestLong and camerasFirst from its clips.
 void beginRegion(Run& run, std::string name, std::vector<ClipRef> clips);
 
-// ---- Reference (ReferenceLayout.cpp) ----
+// Reference (ReferenceLayout.cpp)
 
 // The reference track of the current region by the rules of trust: a very long recorder, the
 // longest camera of an ensemble, the busiest recorder, the longest track.
@@ -155,7 +155,7 @@ int chooseReference(const Run& run);
 bool layoutReference(Run& run);
 void calibrateSegmentIfNeeded(Run& run, int take, int backup);
 
-// ---- Pools (AudioPools.cpp) ----
+// Pools (AudioPools.cpp)
 
 PoolSpan spanOf(const ClipItem& clip);
 void refreshMatchSpans(Run& run);
@@ -167,7 +167,7 @@ std::optional<Match> bestMatch(const std::vector<PoolSpan>& spans,
 std::vector<ClipRef> orderedFlatClips(const Run& run, std::vector<int> tracks);
 std::string readyNames(const Run& run);
 
-// ---- Window matching (WindowMatching.cpp) ----
+// Window matching (WindowMatching.cpp)
 
 // Three voting windows of the clip, or the whole clip under 25 s. Thread-safe.
 std::optional<Match> multiWindowMatch(const std::optional<SpectralBands::Feature>& feature,
@@ -187,7 +187,7 @@ SyncStatus statusForScore(float score);
 // Marks the clip when its timecode puts it elsewhere than `pos` by more than two frames.
 void checkTimecode(ClipItem& clip, double pos, const std::vector<PoolSpan>& spans);
 
-// ---- Placement of chains and tracks (ClipChain.cpp, TrackSync.cpp) ----
+// Placement of chains and tracks (ClipChain.cpp, TrackSync.cpp)
 
 // The clips of one call of the twins, indexed by their place in recording order, with what the
 // passes have found so far.
@@ -251,7 +251,7 @@ struct TrackResult {
 };
 TrackResult syncOneTrack(Run& run, int si);
 
-// ---- Rescues (Rescues.cpp) ----
+// Rescues (Rescues.cpp)
 
 // Each returns false when the run was cancelled during it.
 bool longRescueChain(Run& run, ChainState& chain);
@@ -260,7 +260,7 @@ void cameraCluster(Run& run, ChainState& chain);
 void siblingProp(Run& run, ChainState& chain);
 bool longRescueTrack(Run& run, ChainState& chain, const std::vector<PoolSpan>& pool);
 
-// ---- Long backups (LongBackups.cpp) ----
+// Long backups (LongBackups.cpp)
 
 bool isLongBackup(const Run& run, int si);
 bool clocksOverlapRef(const Run& run, int si);
@@ -268,7 +268,7 @@ std::optional<double> probeBackupLinkage(Run& run, int si);
 void placeBackupLinked(Run& run, int si, double offset);
 void placeUnlinked(Run& run, int si);
 
-// ---- Cameras (Cameras.cpp) ----
+// Cameras (Cameras.cpp)
 
 // Notes the other tracks, the camera groups and the solo cameras of the region.
 void noteCameras(Run& run);
@@ -277,7 +277,7 @@ bool runCamerasFirst(Run& run);
 bool runLateCameras(Run& run);
 bool runLateGroups(Run& run);
 
-// ---- Channels and finishing (Finishing.cpp) ----
+// Channels and finishing (Finishing.cpp)
 
 bool siblingVerified(Run& run, int si, int leader);
 // Returns false when cancelled.
