@@ -502,7 +502,9 @@ T withClip(const std::filesystem::path& url, T fallback, Read read) {
 // ---- File readers ----
 
 ClipMeta readClipMeta(const std::filesystem::path& url) {
-    return withClip(url, ClipMeta{}, [](Clip& clip) {
+    ClipMeta unread;
+    unread.channelMap = defaultChannelIndices(unread.channels);
+    return withClip(url, unread, [](Clip& clip) {
         ClipMeta meta;
         meta.duration = duration(clip);
         meta.fps = frameRate(clip);

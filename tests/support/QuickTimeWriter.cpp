@@ -56,8 +56,9 @@ Bytes fullBox(std::string_view type, const Bytes& content) {
     return box(type, cat({be32(0), content}));
 }
 
-Bytes userDataText(std::string_view type, std::string_view value) {
-    return box(type, cat({be16(static_cast<std::uint16_t>(value.size())), be16(0), text(value)}));
+Bytes userDataText(std::string_view type, std::string_view value, std::uint16_t language) {
+    return box(type,
+               cat({be16(static_cast<std::uint16_t>(value.size())), be16(language), text(value)}));
 }
 
 Bytes itemListText(std::string_view type, std::string_view value) {

@@ -28,7 +28,7 @@ Bytes boxClaiming(std::string_view type, std::uint32_t claimedSize, const Bytes&
 Bytes fullBox(std::string_view type, const Bytes& content);
 
 // A user-data string atom: length, language code, text.
-Bytes userDataText(std::string_view type, std::string_view value);
+Bytes userDataText(std::string_view type, std::string_view value, std::uint16_t language = 0);
 // An item-list atom holding a UTF-8 "data" atom.
 Bytes itemListText(std::string_view type, std::string_view value);
 
