@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,14 @@ std::optional<SpectralBands::Feature> loadBands(const std::filesystem::path& url
 // Stores the features of a file; every failure is ignored.
 void saveBands(const std::filesystem::path& url, const SpectralBands::Feature& feature);
 
+// The bytes of a features file, and the features of such bytes (nothing for short, foreign or
+// damaged bytes; bytes after the last band are ignored).
+std::vector<std::uint8_t> encodeBands(const SpectralBands::Feature& feature);
+std::optional<SpectralBands::Feature> decodeBands(std::span<const std::uint8_t> bytes);
+
+// Writes the envelope file of a file beside its features; every failure is ignored.
+void saveEnvelope(const std::filesystem::path& url, const std::vector<float>& envelope);
+
 // The bytes of an envelope file.
 std::vector<std::uint8_t> serialize(const std::vector<float>& preview,
                                     const std::vector<float>& envelope);
@@ -34,7 +43,8 @@ struct PruneResult {
     std::int64_t bytesFreed = 0;
 };
 
-// Removes entries too old or beyond the size bound.
+// Removes entries not used for 7 days, then the least recently used ones while the folder holds
+// more than 2 GiB. Logs one line when anything was removed.
 PruneResult prune(Date now);
 
 } // namespace EnvelopeCache

@@ -21,13 +21,6 @@ namespace {
 // 16 kHz samples to a 100-per-second envelope.
 constexpr int kEnvelopeFactor = 160;
 
-void writeFile(const std::filesystem::path& file, const std::vector<std::uint8_t>& bytes) {
-    if (FILE* f = std::fopen(file.c_str(), "wb")) {
-        std::fwrite(bytes.data(), 1, bytes.size(), f);
-        std::fclose(f);
-    }
-}
-
 } // namespace
 
 double jobWeight(double duration) {
@@ -48,11 +41,7 @@ ExtractOutcome runExtractJob(const ExtractJob& job) {
         auto audio = AudioExtractor::extract(job.url, job.duration, {});
         auto bands = SpectralBands::compute(audio.samples);
         auto envelope = CrossCorrelator::magnitudeEnvelope(audio.samples, kEnvelopeFactor);
-        if (auto key = EnvelopeCache::cacheKey(job.url)) {
-            std::error_code ec;
-            std::filesystem::create_directories(EnvelopeCache::cacheDir(), ec);
-            writeFile(EnvelopeCache::cacheDir() / *key, EnvelopeCache::serialize({}, envelope));
-        }
+        EnvelopeCache::saveEnvelope(job.url, envelope);
         EnvelopeCache::saveBands(job.url, bands);
         out.bands = std::move(bands);
         out.refinedDuration = audio.duration;

@@ -8,7 +8,7 @@ packages=(
     libavformat-dev libavcodec-dev libavutil-dev libswresample-dev
     libfftw3-dev libicu-dev nlohmann-json3-dev libexpat1-dev libplist-dev uuid-dev
     libgtest-dev libgmock-dev libbenchmark-dev
-    ffmpeg sox
+    ffmpeg sox python3-numpy
     clang-14 libclang-rt-14-dev libfuzzer-14-dev
 )
 

@@ -8,10 +8,13 @@
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
+#include <libavutil/channel_layout.h>
 #include <libavutil/error.h>
+#include <libavutil/log.h>
 #include <libswresample/swresample.h>
 }
 
+#include <mutex>
 #include <string>
 
 namespace FFmpeg {
@@ -31,11 +34,47 @@ using Resampler = std::unique_ptr<SwrContext, Deleter<swr_free>>;
 using Frame = std::unique_ptr<AVFrame, Deleter<av_frame_free>>;
 using Packet = std::unique_ptr<AVPacket, Deleter<av_packet_free>>;
 
+// An owned copy of a channel layout; a custom layout holds a map that must be freed.
+class ChannelLayout {
+public:
+    ChannelLayout() = default;
+    explicit ChannelLayout(const AVChannelLayout& other) {
+        av_channel_layout_copy(&layout_, &other);
+    }
+    ~ChannelLayout() { av_channel_layout_uninit(&layout_); }
+    ChannelLayout(const ChannelLayout&) = delete;
+    ChannelLayout& operator=(const ChannelLayout&) = delete;
+    ChannelLayout(ChannelLayout&& other) noexcept : layout_(other.layout_) {
+        other.layout_ = AVChannelLayout{};
+    }
+    ChannelLayout& operator=(ChannelLayout&& other) noexcept {
+        if (this != &other) {
+            av_channel_layout_uninit(&layout_);
+            layout_ = other.layout_;
+            other.layout_ = AVChannelLayout{};
+        }
+        return *this;
+    }
+
+    const AVChannelLayout& get() const { return layout_; }
+    AVChannelLayout* out() { return &layout_; }
+
+private:
+    AVChannelLayout layout_{};
+};
+
 // FFmpeg's text for an error code.
 inline std::string errorText(int code) {
     char buf[AV_ERROR_MAX_STRING_SIZE] = {};
     av_strerror(code, buf, sizeof buf);
     return buf;
+}
+
+// FFmpeg writes its own diagnostics to standard error, which carries our log lines; every caller
+// runs this before its first FFmpeg call, and only the first call does anything.
+inline void silenceLogs() {
+    static std::once_flag once;
+    std::call_once(once, [] { av_log_set_level(AV_LOG_QUIET); });
 }
 
 } // namespace FFmpeg

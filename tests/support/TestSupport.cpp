@@ -54,7 +54,7 @@ bool LogCapture::contains(const std::string& fragment) const {
 }
 
 ProcessResult runProcess(const std::vector<std::string>& argv, const std::string& input,
-                         const std::vector<std::string>& env) {
+                         const std::vector<std::string>& env, const std::filesystem::path& cwd) {
     int inPipe[2], outPipe[2], errPipe[2];
     if (pipe(inPipe) != 0 || pipe(outPipe) != 0 || pipe(errPipe) != 0) {
         throw std::runtime_error("pipe failed");
@@ -66,6 +66,9 @@ ProcessResult runProcess(const std::vector<std::string>& argv, const std::string
     posix_spawn_file_actions_adddup2(&actions, errPipe[1], 2);
     for (int fd : {inPipe[0], inPipe[1], outPipe[0], outPipe[1], errPipe[0], errPipe[1]}) {
         posix_spawn_file_actions_addclose(&actions, fd);
+    }
+    if (!cwd.empty()) {
+        posix_spawn_file_actions_addchdir_np(&actions, cwd.c_str());
     }
 
     std::vector<std::string> envStrings;

@@ -49,8 +49,10 @@ struct ProcessResult {
 // Runs a program with arguments, feeding `input` to its standard input (closed at once when
 // empty) and capturing both output streams. `env` entries ("NAME=value") are added to the
 // environment of the child.
+// `cwd`, when given, is the working folder of the child.
 ProcessResult runProcess(const std::vector<std::string>& argv, const std::string& input = {},
-                         const std::vector<std::string>& env = {});
+                         const std::vector<std::string>& env = {},
+                         const std::filesystem::path& cwd = {});
 
 void writeText(const std::filesystem::path& file, const std::string& text);
 

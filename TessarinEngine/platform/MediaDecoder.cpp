@@ -1,0 +1,450 @@
+#include "TessarinEngine/platform/MediaDecoder.h"
+
+#include "TessarinEngine/TrackModels.h"
+#include "TessarinEngine/platform/FFmpeg.h"
+
+extern "C" {
+#include <libavutil/opt.h>
+}
+
+#include <algorithm>
+#include <cerrno>
+#include <cfloat>
+#include <climits>
+#include <cmath>
+#include <cstdint>
+#include <new>
+#include <optional>
+#include <set>
+#include <sys/stat.h>
+#include <utility>
+
+namespace MediaDecoder {
+
+namespace {
+
+using Kind = TessarinError::Kind;
+
+// Every resampler option is set, so that the samples (and the features cached from them) stay the
+// same when FFmpeg changes a default. The values are the ones FFmpeg 5.1 uses, with the automatic
+// cutoff written out. Channels are mixed by our own matrix, so the mix levels never apply.
+struct IntegerOption {
+    const char* name;
+    std::int64_t value;
+};
+constexpr IntegerOption kIntegerOptions[] = {
+    {"used_channel_count", 0}, // all of them
+    {"swr_flags", 0},
+    {"dither_method", 0}, // none: the output is float
+    {"resampler", 0},     // FFmpeg's own engine
+    {"filter_size", 32},
+    {"phase_shift", 10},
+    {"linear_interp", 1},
+    {"exact_rational", 1},
+    {"cheby", 0},
+    {"first_pts", INT64_MIN}, // no timestamp compensation
+    {"matrix_encoding", 0},
+    {"filter_type", 2}, // Kaiser-windowed sinc
+    {"output_sample_bits", 0},
+};
+struct RealOption {
+    const char* name;
+    double value;
+};
+constexpr RealOption kRealOptions[] = {
+    {"center_mix_level", M_SQRT1_2},
+    {"surround_mix_level", M_SQRT1_2},
+    {"lfe_mix_level", 0},
+    {"rematrix_volume", 1},
+    {"rematrix_maxval", 0},
+    {"dither_scale", 1},
+    {"cutoff", 0.97},
+    {"precision", 20},
+    {"min_comp", FLT_MAX}, // never stretch or pad to timestamps: we lay samples ourselves
+    {"min_hard_comp", 0.1},
+    {"comp_duration", 1},
+    {"max_soft_comp", 0},
+    {"async", 0},
+    {"kaiser_beta", 9},
+};
+// Set one by one in makeResampler, from the stream's own format.
+constexpr const char* kFormatOptions[] = {"in_chlayout",        "out_chlayout",  "in_sample_rate",
+                                          "out_sample_rate",    "in_sample_fmt", "out_sample_fmt",
+                                          "internal_sample_fmt"};
+
+// A resampler from the given input to mono float at `outRate`, folding the channels to their
+// mean; nothing if FFmpeg refuses any setting.
+FFmpeg::Resampler makeResampler(const AVChannelLayout& inLayout, AVSampleFormat inFormat,
+                                int inRate, int outRate) {
+    FFmpeg::Resampler swr(swr_alloc());
+    if (!swr) {
+        return {};
+    }
+    const AVChannelLayout mono = AV_CHANNEL_LAYOUT_MONO;
+    void* s = swr.get();
+    bool ok = av_opt_set_chlayout(s, "in_chlayout", &inLayout, 0) >= 0 &&
+              av_opt_set_chlayout(s, "out_chlayout", &mono, 0) >= 0 &&
+              av_opt_set_int(s, "in_sample_rate", inRate, 0) >= 0 &&
+              av_opt_set_int(s, "out_sample_rate", outRate, 0) >= 0 &&
+              av_opt_set_sample_fmt(s, "in_sample_fmt", inFormat, 0) >= 0 &&
+              av_opt_set_sample_fmt(s, "out_sample_fmt", AV_SAMPLE_FMT_FLT, 0) >= 0 &&
+              av_opt_set_sample_fmt(s, "internal_sample_fmt", AV_SAMPLE_FMT_FLTP, 0) >= 0;
+    for (const auto& o : kIntegerOptions) {
+        ok = ok && av_opt_set_int(s, o.name, o.value, 0) >= 0;
+    }
+    for (const auto& o : kRealOptions) {
+        ok = ok && av_opt_set_double(s, o.name, o.value, 0) >= 0;
+    }
+    if (!ok) {
+        return {};
+    }
+    // The mean of the channels: a stream's loudness does not depend on how many channels carry it.
+    const int channels = inLayout.nb_channels;
+    std::vector<double> matrix(static_cast<std::size_t>(channels), 1.0 / channels);
+    if (swr_set_matrix(swr.get(), matrix.data(), channels) < 0 || swr_init(swr.get()) < 0) {
+        return {};
+    }
+    return swr;
+}
+
+// A layout swresample accepts: an unordered one becomes the default order for its count.
+FFmpeg::ChannelLayout usableLayout(const AVChannelLayout& layout) {
+    if (layout.order != AV_CHANNEL_ORDER_UNSPEC) {
+        return FFmpeg::ChannelLayout(layout);
+    }
+    FFmpeg::ChannelLayout result;
+    av_channel_layout_default(result.out(), layout.nb_channels);
+    return result;
+}
+
+// One audio stream being decoded, and where its samples go in the mix.
+struct StreamDecode {
+    int streamIndex = -1;
+    FFmpeg::CodecContext codec;
+    FFmpeg::Resampler resampler;
+    // The input format the resampler was made for; a stream may change it midway.
+    FFmpeg::ChannelLayout inLayout;
+    int inRate = 0;
+    int inFormat = AV_SAMPLE_FMT_NONE;
+    std::size_t offset = 0;
+    std::size_t laid = 0;
+};
+
+// The state of one decodeMixedMono call.
+struct Decoding {
+    std::string fileName;
+    int rateHz = 0;
+    std::vector<float> mix;
+    std::vector<float> scratch;
+    const std::function<void(std::size_t)>* onLaid = nullptr;
+};
+
+void layInMix(Decoding& d, StreamDecode& s, std::size_t count) {
+    if (count == 0) {
+        return;
+    }
+    const std::size_t from = s.offset + s.laid;
+    if (from + count > d.mix.size()) {
+        d.mix.resize(from + count);
+    }
+    float* dst = d.mix.data() + from;
+    const float* src = d.scratch.data();
+    for (std::size_t i = 0; i < count; ++i) {
+        dst[i] += src[i];
+    }
+    s.laid += count;
+    if (*d.onLaid) {
+        (*d.onLaid)(d.mix.size());
+    }
+}
+
+// Runs the resampler over `count` input samples (or flushes it with none) into the mix.
+void resampleInto(Decoding& d, StreamDecode& s, const std::uint8_t** in, int count) {
+    for (;;) {
+        const int room = std::max(swr_get_out_samples(s.resampler.get(), count), 0) + 64;
+        if (d.scratch.size() < static_cast<std::size_t>(room)) {
+            d.scratch.resize(static_cast<std::size_t>(room));
+        }
+        auto* out = reinterpret_cast<std::uint8_t*>(d.scratch.data());
+        const int made = swr_convert(s.resampler.get(), &out, room, in, count);
+        if (made < 0) {
+            throw TessarinError(Kind::readFailed, "resampler");
+        }
+        layInMix(d, s, static_cast<std::size_t>(made));
+        // Given input, one call takes all of it; a flush repeats until nothing is left.
+        if (in || made == 0) {
+            return;
+        }
+    }
+}
+
+void layFrame(Decoding& d, StreamDecode& s, const AVFrame* frame) {
+    const bool sameInput = s.resampler && frame->sample_rate == s.inRate &&
+                           frame->format == s.inFormat &&
+                           av_channel_layout_compare(&frame->ch_layout, &s.inLayout.get()) == 0;
+    if (!sameInput) {
+        if (s.resampler) {
+            resampleInto(d, s, nullptr, 0);
+        }
+        if (frame->ch_layout.nb_channels <= 0 || frame->sample_rate <= 0) {
+            throw TessarinError(Kind::emptySamples, d.fileName);
+        }
+        auto layout = usableLayout(frame->ch_layout);
+        s.resampler = makeResampler(layout.get(), static_cast<AVSampleFormat>(frame->format),
+                                    frame->sample_rate, d.rateHz);
+        if (!s.resampler) {
+            throw TessarinError(Kind::readFailed, "resampler");
+        }
+        s.inLayout = FFmpeg::ChannelLayout(frame->ch_layout);
+        s.inRate = frame->sample_rate;
+        s.inFormat = frame->format;
+    }
+    resampleInto(d, s, const_cast<const std::uint8_t**>(frame->extended_data), frame->nb_samples);
+}
+
+// Sends one packet, or the empty packet that drains the decoder, and lays every frame that comes
+// out: one packet can hold several frames.
+void decodePacket(Decoding& d, StreamDecode& s, const AVPacket* packet, AVFrame* frame) {
+    int rc = avcodec_send_packet(s.codec.get(), packet);
+    if (rc < 0 && rc != AVERROR_EOF) {
+        throw TessarinError(Kind::emptySamples, d.fileName);
+    }
+    for (;;) {
+        rc = avcodec_receive_frame(s.codec.get(), frame);
+        if (rc == AVERROR(EAGAIN) || rc == AVERROR_EOF) {
+            return;
+        }
+        if (rc < 0) {
+            throw TessarinError(Kind::emptySamples, d.fileName);
+        }
+        layFrame(d, s, frame);
+        av_frame_unref(frame);
+    }
+}
+
+StreamDecode openStream(const AVStream* stream, const std::string& fileName) {
+    StreamDecode s;
+    s.streamIndex = stream->index;
+    const AVCodec* codec = avcodec_find_decoder(stream->codecpar->codec_id);
+    if (!codec) {
+        throw TessarinError(Kind::emptySamples, fileName);
+    }
+    s.codec.reset(avcodec_alloc_context3(codec));
+    if (!s.codec) {
+        throw std::bad_alloc();
+    }
+    if (avcodec_parameters_to_context(s.codec.get(), stream->codecpar) < 0) {
+        throw TessarinError(Kind::emptySamples, fileName);
+    }
+    // The decoder needs the stream's time base to honour the container's priming-sample skips.
+    s.codec->pkt_timebase = stream->time_base;
+    if (avcodec_open2(s.codec.get(), codec, nullptr) < 0) {
+        throw TessarinError(Kind::emptySamples, fileName);
+    }
+    return s;
+}
+
+// A lying edit list can claim a start days after the other streams; trusting it would fill
+// memory with silence. Real multi-track recordings start within moments of each other.
+constexpr double kMaxStartSpread = 3600.0;
+
+void placeStreams(std::vector<StreamDecode>& streams, const AVFormatContext* format, int rateHz) {
+    std::vector<std::optional<double>> starts;
+    std::optional<double> earliest;
+    for (const auto& s : streams) {
+        const AVStream* st = format->streams[s.streamIndex];
+        std::optional<double> start;
+        if (st->start_time != AV_NOPTS_VALUE) {
+            start = static_cast<double>(st->start_time) * av_q2d(st->time_base);
+        }
+        if (start && (!earliest || *start < *earliest)) {
+            earliest = start;
+        }
+        starts.push_back(start);
+    }
+    for (std::size_t i = 0; i < streams.size(); ++i) {
+        if (!starts[i]) {
+            continue;
+        }
+        const double lead = std::min(*starts[i] - *earliest, kMaxStartSpread);
+        streams[i].offset = static_cast<std::size_t>(std::llround(lead * rateHz));
+    }
+}
+
+// Where several streams cover a sample, the sum becomes their mean.
+void averageOverlaps(std::vector<float>& mix, const std::vector<StreamDecode>& streams) {
+    std::vector<std::pair<std::size_t, int>> edges;
+    for (const auto& s : streams) {
+        if (s.laid > 0) {
+            edges.emplace_back(s.offset, 1);
+            edges.emplace_back(s.offset + s.laid, -1);
+        }
+    }
+    std::sort(edges.begin(), edges.end());
+    int present = 0;
+    for (std::size_t e = 0; e + 1 < edges.size(); ++e) {
+        present += edges[e].second;
+        if (present > 1) {
+            const float scale = 1.0f / static_cast<float>(present);
+            for (std::size_t i = edges[e].first; i < edges[e + 1].first; ++i) {
+                mix[i] *= scale;
+            }
+        }
+    }
+}
+
+// Two hours: the most the duration a file claims may reserve up front.
+constexpr double kMaxReservedSeconds = 7200.0;
+
+std::size_t reservationFor(const AVFormatContext* format, int rateHz) {
+    if (format->duration == AV_NOPTS_VALUE || format->duration <= 0) {
+        return 0;
+    }
+    const double seconds =
+        std::min(static_cast<double>(format->duration) / AV_TIME_BASE + 1.0, kMaxReservedSeconds);
+    return static_cast<std::size_t>(seconds * rateHz);
+}
+
+} // namespace
+
+std::vector<float> decodeMixedMono(const std::filesystem::path& path, int rateHz,
+                                   const std::function<void(std::size_t)>& onLaid) {
+    FFmpeg::silenceLogs();
+    Decoding d;
+    d.fileName = path.filename().string();
+    d.rateHz = rateHz;
+    d.onLaid = &onLaid;
+
+    // A FIFO or a device could block the opener for ever, and a folder is no media file.
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0) {
+        throw TessarinError(Kind::readerStartFailed, FFmpeg::errorText(AVERROR(errno)));
+    }
+    if (!S_ISREG(st.st_mode)) {
+        throw TessarinError(Kind::readerStartFailed, "not a regular file");
+    }
+
+    AVFormatContext* raw = nullptr;
+    if (int rc = avformat_open_input(&raw, path.c_str(), nullptr, nullptr); rc < 0) {
+        throw TessarinError(Kind::readerStartFailed, FFmpeg::errorText(rc));
+    }
+    FFmpeg::FormatContext format(raw);
+    if (int rc = avformat_find_stream_info(format.get(), nullptr); rc < 0) {
+        throw TessarinError(Kind::readerStartFailed, FFmpeg::errorText(rc));
+    }
+
+    std::vector<StreamDecode> streams;
+    std::vector<int> decodeOfStream(format->nb_streams, -1);
+    for (unsigned i = 0; i < format->nb_streams; ++i) {
+        AVStream* stream = format->streams[i];
+        if (stream->codecpar->codec_type == AVMEDIA_TYPE_AUDIO) {
+            decodeOfStream[i] = static_cast<int>(streams.size());
+            streams.push_back(openStream(stream, d.fileName));
+        } else {
+            // The demuxer then skips video and data without reading them.
+            stream->discard = AVDISCARD_ALL;
+        }
+    }
+    if (streams.empty()) {
+        throw TessarinError(Kind::noAudioTrack, d.fileName);
+    }
+    placeStreams(streams, format.get(), rateHz);
+    d.mix.reserve(reservationFor(format.get(), rateHz));
+
+    FFmpeg::Packet packet(av_packet_alloc());
+    FFmpeg::Frame frame(av_frame_alloc());
+    if (!packet || !frame) {
+        throw std::bad_alloc();
+    }
+    for (;;) {
+        const int rc = av_read_frame(format.get(), packet.get());
+        if (rc == AVERROR_EOF) {
+            break;
+        }
+        if (rc < 0) {
+            throw TessarinError(Kind::emptySamples, d.fileName);
+        }
+        const int index = packet->stream_index;
+        if (index >= 0 && index < static_cast<int>(decodeOfStream.size()) &&
+            decodeOfStream[index] >= 0) {
+            decodePacket(d, streams[static_cast<std::size_t>(decodeOfStream[index])], packet.get(),
+                         frame.get());
+        }
+        av_packet_unref(packet.get());
+    }
+    for (auto& s : streams) {
+        decodePacket(d, s, nullptr, frame.get());
+        if (s.resampler) {
+            resampleInto(d, s, nullptr, 0);
+        }
+    }
+    averageOverlaps(d.mix, streams);
+    return std::move(d.mix);
+}
+
+std::vector<float> resampleMono(std::span<const float> samples, int fromRateHz, int toRateHz) {
+    FFmpeg::silenceLogs();
+    if (fromRateHz <= 0 || toRateHz <= 0 || samples.size() > static_cast<std::size_t>(INT_MAX)) {
+        throw TessarinError(Kind::readFailed, "resampler");
+    }
+    const AVChannelLayout mono = AV_CHANNEL_LAYOUT_MONO;
+    auto swr = makeResampler(mono, AV_SAMPLE_FMT_FLT, fromRateHz, toRateHz);
+    if (!swr) {
+        throw TessarinError(Kind::readFailed, "resampler");
+    }
+    const auto count = static_cast<std::int64_t>(samples.size());
+    std::vector<float> out(static_cast<std::size_t>(count * toRateHz / fromRateHz + 64));
+    std::size_t made = 0;
+    const auto* in = reinterpret_cast<const std::uint8_t*>(samples.data());
+    int pending = static_cast<int>(count);
+    // The first call takes all input; then the flush gives the filter's tail.
+    for (;;) {
+        if (out.size() - made < 64) {
+            out.resize(out.size() + 4096);
+        }
+        auto* dst = reinterpret_cast<std::uint8_t*>(out.data() + made);
+        const int room = static_cast<int>(std::min<std::size_t>(out.size() - made, INT_MAX));
+        const int n = swr_convert(swr.get(), &dst, room, pending > 0 ? &in : nullptr, pending);
+        if (n < 0) {
+            throw TessarinError(Kind::readFailed, "resampler");
+        }
+        made += static_cast<std::size_t>(n);
+        if (pending > 0) {
+            pending = 0;
+        } else if (n == 0) {
+            break;
+        }
+    }
+    out.resize(made);
+    return out;
+}
+
+std::vector<std::string> unpinnedResamplerOptions() {
+    const AVClass* cls = swr_get_class();
+    auto offsetOf = [&](const char* name) {
+        const AVOption* o = av_opt_find(&cls, name, nullptr, 0, AV_OPT_SEARCH_FAKE_OBJ);
+        return o ? o->offset : -1;
+    };
+    std::set<int> pinned;
+    for (const char* name : kFormatOptions) {
+        pinned.insert(offsetOf(name));
+    }
+    for (const auto& o : kIntegerOptions) {
+        pinned.insert(offsetOf(o.name));
+    }
+    for (const auto& o : kRealOptions) {
+        pinned.insert(offsetOf(o.name));
+    }
+    std::vector<std::string> unpinned;
+    for (const AVOption* o = nullptr; (o = av_opt_next(&cls, o));) {
+        if (o->type == AV_OPT_TYPE_CONST || (o->flags & AV_OPT_FLAG_DEPRECATED)) {
+            continue;
+        }
+        if (!pinned.count(o->offset)) {
+            unpinned.emplace_back(o->name);
+        }
+    }
+    return unpinned;
+}
+
+} // namespace MediaDecoder

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstddef>
+#include <filesystem>
+#include <functional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace MediaDecoder {
+
+// Decodes every audio stream of a media file into one mono signal at `rateHz`. Each stream is
+// folded to mono as the mean of its channels, resampled as it is decoded, and laid from its start
+// time relative to the earliest audio stream's start; where streams overlap their sum is divided
+// by the number of streams present. Values are not clipped. `onLaid`, if set, gets the number of
+// samples laid so far after every decoded frame, on the calling thread.
+// Throws TessarinError: readerStartFailed ("not a regular file" or FFmpeg's text) when the file
+// cannot be opened or probed, noAudioTrack (last path component) without an audio stream, and
+// emptySamples (last path component) on a read or decode error other than end of file. What
+// FFmpeg reads to a clean end of file is the whole result, even if the file was cut short; it may
+// be empty. A path that is not a regular file is never opened. Thread-safe.
+std::vector<float> decodeMixedMono(const std::filesystem::path& path, int rateHz,
+                                   const std::function<void(std::size_t)>& onLaid);
+
+// Resamples mono float samples in one pass with the same pinned resampler, flushed to the end;
+// the first output sample lies at the time of the first input sample. Throws TessarinError
+// readFailed("resampler") when a rate is not positive or the resampler cannot be made or run.
+std::vector<float> resampleMono(std::span<const float> samples, int fromRateHz, int toRateHz);
+
+// Names of the resampler's current, non-deprecated options that are left at FFmpeg's default.
+// Empty when every option is pinned; a newer FFmpeg may add one.
+std::vector<std::string> unpinnedResamplerOptions();
+
+} // namespace MediaDecoder

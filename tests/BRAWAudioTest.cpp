@@ -1,0 +1,233 @@
+#include "TessarinEngine/BRAWAudio.h"
+
+#include "tests/support/MediaFixtures.h"
+#include "tests/support/TestSupport.h"
+
+#include <cstring>
+#include <gtest/gtest.h>
+#include <utility>
+
+using namespace BRAWAudio;
+
+namespace {
+
+struct Call {
+    std::uint64_t position;
+    std::uint32_t maxFrames;
+    bool operator==(const Call&) const = default;
+};
+
+// A stereo 16-bit clip of `frames` frames whose left sample of frame f is f % 1000 and whose right
+// one is its negative, recording every read it is asked for. `answer` may shorten or fail a read
+// (by call number); by default every read is served in full.
+AudioSource fakeClip(
+    std::uint64_t frames, std::vector<Call>& calls,
+    std::function<std::optional<std::size_t>(std::size_t call, std::size_t full)> answer = {}) {
+    AudioSource source;
+    source.format = kFormatPcmLittleEndian;
+    source.bitDepth = 16;
+    source.channelCount = 2;
+    source.sampleRate = 48000;
+    source.sampleCount = frames;
+    source.readSamples = [&calls, answer](std::uint64_t position, std::uint32_t maxFrames,
+                                          std::span<std::uint8_t> buffer) {
+        calls.push_back({position, maxFrames});
+        const std::size_t full = std::size_t(maxFrames) * 4;
+        std::optional<std::size_t> bytes = answer ? answer(calls.size(), full) : full;
+        if (!bytes || *bytes > buffer.size()) {
+            return bytes;
+        }
+        for (std::size_t f = 0; f < maxFrames; ++f) {
+            auto left = static_cast<std::int16_t>((position + f) % 1000);
+            auto right = static_cast<std::int16_t>(-left);
+            std::memcpy(&buffer[4 * f], &left, 2);
+            std::memcpy(&buffer[4 * f + 2], &right, 2);
+        }
+        return bytes;
+    };
+    return source;
+}
+
+Result readOk(const AudioSource& source, std::vector<double>* progress = nullptr) {
+    auto outcome = readClipAudio({}, source, false, [progress](double f) {
+        if (progress) {
+            progress->push_back(f);
+        }
+    });
+    if (auto* error = std::get_if<Error>(&outcome)) {
+        ADD_FAILURE() << error->description;
+        return {};
+    }
+    return std::get<Result>(std::move(outcome));
+}
+
+} // namespace
+
+TEST(BRAWAudio, PcmBecomesFloatWithTheMostNegativeValueAtMinusOne) {
+    struct Case {
+        unsigned bits;
+        std::vector<std::uint8_t> bytes;
+        std::vector<float> expected;
+    };
+    const std::vector<Case> cases = {
+        {16,
+         {0x00, 0x80, 0xFF, 0x7F, 0x00, 0x40, 0x01, 0x00, 0xFF, 0xFF, 0x12},
+         {-1.0f, 32767.0f / 32768, 0.5f, 1.0f / 32768, -1.0f / 32768}},
+        {24,
+         {0x00, 0x00, 0x80, 0x00, 0x00, 0x40, 0xFF, 0xFF, 0xFF, 0x01, 0x00, 0x00},
+         {-1.0f, 0.5f, -1.0f / 8388608, 1.0f / 8388608}},
+        {32,
+         {0x00, 0x00, 0x00, 0x80, 0x00, 0x00, 0x00, 0x40, 0x00, 0x00, 0x00, 0xC0},
+         {-1.0f, 0.5f, -0.5f}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.bits);
+        std::vector<float> out = {7.0f}; // appended to, not replaced
+        appendPcmAsFloat(c.bytes, c.bits, out);
+        ASSERT_EQ(out.size(), c.expected.size() + 1);
+        EXPECT_EQ(out[0], 7.0f);
+        for (std::size_t i = 0; i < c.expected.size(); ++i) {
+            EXPECT_FLOAT_EQ(out[i + 1], c.expected[i]) << "sample " << i;
+        }
+    }
+}
+
+TEST(BRAWAudio, ReadsInRunsOf48000FramesAndReportsProgress) {
+    std::vector<Call> calls;
+    std::vector<double> progress;
+    auto result = readOk(fakeClip(100000, calls), &progress);
+
+    EXPECT_EQ(calls, (std::vector<Call>{{0, 48000}, {48000, 48000}, {96000, 4000}}));
+    EXPECT_EQ(progress, (std::vector<double>{0.48, 0.96, 1.0}));
+    EXPECT_EQ(result.frameCount, 100000u);
+    EXPECT_EQ(result.channelCount, 2u);
+    EXPECT_EQ(result.sampleRate, 48000.0);
+    ASSERT_EQ(result.interleaved.size(), 200000u);
+    // Frame 99999 has left 999 and right -999, in that order.
+    EXPECT_FLOAT_EQ(result.interleaved[199998], 999.0f / 32768);
+    EXPECT_FLOAT_EQ(result.interleaved[199999], -999.0f / 32768);
+    EXPECT_FLOAT_EQ(result.interleaved[2 * 48123], 123.0f / 32768);
+}
+
+TEST(BRAWAudio, AShortOrFailedReadKeepsWhatWasRead) {
+    struct Case {
+        std::string name;
+        std::function<std::optional<std::size_t>(std::size_t, std::size_t)> answer;
+        std::uint64_t frames;
+        std::vector<Call> calls;
+    };
+    const std::vector<Case> cases = {
+        {"second read fails",
+         [](std::size_t call, std::size_t full) {
+             return call == 2 ? std::nullopt : std::optional(full);
+         },
+         48000,
+         {{0, 48000}, {48000, 48000}}},
+        {"second read gives less than a frame",
+         [](std::size_t call, std::size_t full) { return call == 2 ? 3 : full; },
+         48000,
+         {{0, 48000}, {48000, 48000}}},
+        // Half of each request: reading goes on from where the last read ended, until half of a
+        // one-frame request is less than a frame (19 reads in all).
+        {"reads come back half full",
+         [](std::size_t, std::size_t full) { return std::optional(full / 2); },
+         99999,
+         {{0, 48000}, {24000, 48000}, {48000, 48000}, {72000, 28000}, {86000, 14000}}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::vector<Call> calls;
+        auto source = fakeClip(100000, calls, c.answer);
+        auto result = readOk(source);
+        ASSERT_GE(calls.size(), c.calls.size());
+        EXPECT_EQ(std::vector<Call>(calls.begin(), calls.begin() + c.calls.size()), c.calls);
+        EXPECT_EQ(result.frameCount, c.frames);
+        EXPECT_EQ(result.interleaved.size(), 2 * c.frames);
+    }
+}
+
+TEST(BRAWAudio, ClipsWithoutUsableAudio) {
+    std::vector<Call> calls;
+    Result facts;
+    facts.frameRate = 25;
+    facts.pictureFrames = 50;
+
+    // No audio side, or one that reports no channels: success without samples.
+    AudioSource noChannels = fakeClip(100000, calls);
+    noChannels.channelCount = 0;
+    for (const auto& source : {std::optional<AudioSource>{}, std::optional(noChannels)}) {
+        auto outcome = readClipAudio(facts, source, false, {});
+        ASSERT_TRUE(std::holds_alternative<Result>(outcome));
+        const auto& result = std::get<Result>(outcome);
+        EXPECT_TRUE(result.interleaved.empty());
+        EXPECT_EQ(result.channelCount, 0u);
+        EXPECT_DOUBLE_EQ(result.pictureDuration(), 2.0);
+    }
+
+    // A probe gives the shape and reads nothing.
+    auto probed = readClipAudio(facts, fakeClip(100000, calls), true, {});
+    ASSERT_TRUE(std::holds_alternative<Result>(probed));
+    EXPECT_EQ(std::get<Result>(probed).frameCount, 100000u);
+    EXPECT_EQ(std::get<Result>(probed).channelCount, 2u);
+    EXPECT_TRUE(std::get<Result>(probed).interleaved.empty());
+
+    // Only little-endian PCM of 16, 24 or 32 bits is read.
+    AudioSource eightBit = fakeClip(100000, calls);
+    eightBit.bitDepth = 8;
+    AudioSource bigEndian = fakeClip(100000, calls);
+    bigEndian.format = 0x70636D62; // 'pcmb'
+    EXPECT_EQ(std::get<Error>(readClipAudio(facts, eightBit, false, {})),
+              (Error{4, "Blackmagic RAW: unsupported audio format (8-bit)"}));
+    EXPECT_EQ(std::get<Error>(readClipAudio(facts, bigEndian, false, {})),
+              (Error{4, "Blackmagic RAW: unsupported audio format (16-bit)"}));
+    EXPECT_TRUE(calls.empty());
+}
+
+TEST(BRAWAudio, LoaderTakesTheFirstCandidateThatExistsAndSaysWhatBecameOfIt) {
+    TestSupport::TempDir dir;
+    TestSupport::writeText(dir / "entry.c",
+                           "static int marker = 42;\n"
+                           "void* CreateBlackmagicRawFactoryInstance(void) { return &marker; }\n");
+    TestSupport::writeText(dir / "other.c", "int somethingElse(void) { return 1; }\n");
+    for (const std::string name : {"entry", "other"}) {
+        auto cc = TestSupport::runProcess({"cc", "-shared", "-fPIC", "-o",
+                                           (dir / ("lib" + name + ".so")).string(),
+                                           (dir / (name + ".c")).string()});
+        if (cc.exitCode != 0) {
+            GTEST_SKIP() << "no C compiler to build a stand-in library: " << cc.err;
+        }
+    }
+    MediaFixtures::writeBytes(dir / "garbage.so", MediaFixtures::randomBytes(4096, 3));
+
+    const auto missing = dir / "missing.so";
+    {
+        auto load = loadLibrary({missing, dir / "libentry.so", dir / "libother.so"});
+        ASSERT_NE(load.factory, nullptr);
+        EXPECT_EQ(*static_cast<int*>(load.factory), 42);
+        EXPECT_EQ(availabilityNote(load),
+                  "Blackmagic RAW SDK loaded from " + (dir / "libentry.so").string());
+    }
+    for (const auto& first : {dir / "libother.so", dir / "garbage.so"}) {
+        SCOPED_TRACE(first);
+        auto load = loadLibrary({missing, first, dir / "libentry.so"});
+        EXPECT_EQ(load.path, first);
+        EXPECT_EQ(load.factory, nullptr);
+        EXPECT_EQ(availabilityNote(load), "Blackmagic RAW framework found but could not be loaded");
+    }
+    auto none = loadLibrary({missing});
+    EXPECT_FALSE(none.path.has_value());
+    EXPECT_EQ(availabilityNote(none), "Blackmagic RAW framework not found on this machine");
+}
+
+TEST(BRAWAudio, WithoutTheLibraryNoClipIsRead) {
+    if (isAvailable()) {
+        GTEST_SKIP() << "the Blackmagic RAW library is installed here";
+    }
+    TestSupport::TempDir dir;
+    TestSupport::writeText(dir / "A001.braw", "not really a clip");
+    EXPECT_FALSE(probe(dir / "A001.braw").has_value());
+    EXPECT_FALSE(readAudio(dir / "A001.braw", {}).has_value());
+    auto outcome = readAudioOrError(dir / "A001.braw", {});
+    ASSERT_TRUE(std::holds_alternative<Error>(outcome));
+    EXPECT_EQ(std::get<Error>(outcome).code, 1);
+}

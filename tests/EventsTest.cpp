@@ -1,0 +1,75 @@
+#include "TessarinEngineCLI/Events.h"
+
+#include <cmath>
+#include <gtest/gtest.h>
+#include <limits>
+
+TEST(Events, ResultFieldsInOrderWithOptionalFieldsLeftOut) {
+    ResultEvent r;
+    r.path = "/shoot/A001.mov";
+    r.session = "/shoot";
+    r.track = "A";
+    r.mediaType = "video";
+    r.startOffset = 12.5;
+    r.duration = 30;
+    r.syncStatus = "synced";
+    r.audioUsability = "ok";
+    r.explanation = "Strong audio match \u00B7 score 12.3";
+    r.channelCount = 2;
+    EXPECT_EQ(*Events::encode(r),
+              R"({"type":"result","path":"\/shoot\/A001.mov","session":"\/shoot","track":"A",)"
+              R"("mediaType":"video","startOffset":12.5,"duration":30,"syncStatus":"synced",)"
+              R"("audioUsability":"ok","explanation":"Strong audio match · score 12.3",)"
+              R"("channelCount":2})");
+
+    r.matchScore = 12.34f;
+    r.placement = "A1";
+    r.frameRate = 23.976f;
+    r.pixelWidth = 1920;
+    r.pixelHeight = 1080;
+    r.picturePath = "/shoot/A001.R3D";
+    r.pictureDuration = 29.488;
+    r.recordFrameRate = 24.0f;
+    r.conformFrameRate = 23.976f;
+    EXPECT_EQ(*Events::encode(r),
+              R"({"type":"result","path":"\/shoot\/A001.mov","session":"\/shoot","track":"A",)"
+              R"("mediaType":"video","startOffset":12.5,"duration":30,"syncStatus":"synced",)"
+              R"("matchScore":12.34,"placement":"A1","audioUsability":"ok",)"
+              R"("explanation":"Strong audio match · score 12.3","channelCount":2,)"
+              R"("frameRate":23.97599983215332,"pixelWidth":1920,"pixelHeight":1080,)"
+              R"("picturePath":"\/shoot\/A001.R3D","pictureDuration":29.488,)"
+              R"("recordFrameRate":24,"conformFrameRate":23.97599983215332})");
+}
+
+TEST(Events, OtherKindsAndEscapes) {
+    EXPECT_EQ(*Events::encode(ProgressEvent{"metadata", 0.25, std::nullopt}),
+              R"({"type":"progress","phase":"metadata","fraction":0.25})");
+    EXPECT_EQ(*Events::encode(ProgressEvent{"sync", 1.0 / 3.0, "A001"}),
+              R"({"type":"progress","phase":"sync","fraction":0.3333333333333333,"path":"A001"})");
+    EXPECT_EQ(*Events::encode(ErrorEvent{std::nullopt, "Need at least 2 tracks to sync"}),
+              R"({"type":"error","message":"Need at least 2 tracks to sync"})");
+    EXPECT_EQ(*Events::encode(
+                  ErrorEvent{"/a/b \"q\"\\\n.wav", "Extraction failed: noAudioTrack(\"b.wav\")"}),
+              R"({"type":"error","path":"\/a\/b \"q\"\\\n.wav",)"
+              R"x("message":"Extraction failed: noAudioTrack(\"b.wav\")"})x");
+    EXPECT_EQ(*Events::encode(DoneEvent{3, 42, 3600.04}),
+              R"({"type":"done","trackCount":3,"clipCount":42,"timelineDuration":3600.04})");
+    EXPECT_EQ(*Events::encode(ErrorEvent{std::nullopt, std::string("tab\there\x01")}),
+              R"({"type":"error","message":"tab\there\u0001"})");
+}
+
+TEST(Events, NonFiniteNumbersAndBadTextDropTheEvent) {
+    const double inf = std::numeric_limits<double>::infinity();
+    EXPECT_FALSE(Events::encode(ProgressEvent{"sync", std::nan(""), std::nullopt}));
+    EXPECT_FALSE(Events::encode(DoneEvent{1, 1, inf}));
+    ResultEvent r;
+    r.matchScore = std::numeric_limits<float>::quiet_NaN();
+    EXPECT_FALSE(Events::encode(r));
+    r.matchScore.reset();
+    r.frameRate = std::numeric_limits<float>::infinity();
+    EXPECT_FALSE(Events::encode(r));
+    r.frameRate.reset();
+    EXPECT_TRUE(Events::encode(r));
+    r.path = "/a/\xff\xfe.wav";
+    EXPECT_FALSE(Events::encode(r));
+}
