@@ -138,6 +138,7 @@ std::optional<Info> probe(std::span<const std::uint8_t> bytes, const std::string
     if (bytes.empty()) {
         return std::nullopt;
     }
+    FFmpeg::silenceLogs();
     MemoryReader reader{bytes};
     constexpr int kBufferSize = 64 * 1024;
     auto* buffer = static_cast<unsigned char*>(av_malloc(kBufferSize));
