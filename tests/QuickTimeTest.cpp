@@ -45,8 +45,8 @@ TEST(QuickTime, WalksBoxesOfEverySizeForm) {
         SCOPED_TRACE(c.name);
         EXPECT_EQ(boxTypes(c.bytes), c.types);
     }
-    auto found =
-        QuickTime::findBox(cat({a, largeBox("mdat", text("xyz"))}), QuickTime::fourcc("mdat"));
+    const Bytes twoBoxes = cat({a, largeBox("mdat", text("xyz"))});
+    auto found = QuickTime::findBox(twoBoxes, QuickTime::fourcc("mdat"));
     ASSERT_TRUE(found);
     EXPECT_EQ(found->offset, a.size());
     EXPECT_EQ(std::string(found->content.begin(), found->content.end()), "xyz");

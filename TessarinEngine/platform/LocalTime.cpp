@@ -17,12 +17,13 @@ bool inRange(const Fields& f) {
            f.hour <= 23 && f.minute >= 0 && f.minute <= 59 && f.second >= 0 && f.second < 61;
 }
 
-std::optional<Date> fromZone(const Fields& f, icu::TimeZone* zone) {
-    if (!inRange(f)) {
+std::optional<Date> fromZone(const Fields& f, std::unique_ptr<icu::TimeZone> zone) {
+    if (!inRange(f) || !zone) {
         return std::nullopt;
     }
     UErrorCode status = U_ZERO_ERROR;
-    icu::GregorianCalendar calendar(zone, status);
+    // The calendar adopts the zone.
+    icu::GregorianCalendar calendar(zone.release(), status);
     if (U_FAILURE(status)) {
         return std::nullopt;
     }
@@ -109,12 +110,11 @@ std::optional<Fields> readDateTime(std::string_view text, std::size_t& at) {
 } // namespace
 
 std::optional<Date> fromLocal(const Fields& fields) {
-    // The calendar adopts the zone.
-    return fromZone(fields, hostTimeZone());
+    return fromZone(fields, std::unique_ptr<icu::TimeZone>(hostTimeZone()));
 }
 
 std::optional<Date> fromUtc(const Fields& fields) {
-    return fromZone(fields, icu::TimeZone::getGMT()->clone());
+    return fromZone(fields, std::unique_ptr<icu::TimeZone>(icu::TimeZone::getGMT()->clone()));
 }
 
 std::optional<Date> fromIsoUtcWallClock(std::string_view text) {
