@@ -735,10 +735,13 @@ std::optional<std::string> parseCameraFromXML(std::string_view xml) {
 }
 
 std::optional<std::string> extractCameraAttributesModel(Bytes value) {
-    if (auto dictionary = PropertyList::readStringDictionary(value)) {
-        for (const char* key : {"Model", "model", "CameraModel", "cameraModel", "Make", "make",
-                                "CameraMake", "cameraMake", "DeviceModel", "deviceModel"}) {
-            if (auto it = dictionary->find(key); it != dictionary->end() && !it->second.empty()) {
+    static constexpr std::string_view kKeys[] = {
+        "Model", "model",      "CameraModel", "cameraModel", "Make",
+        "make",  "CameraMake", "cameraMake",  "DeviceModel", "deviceModel"};
+    if (auto strings = PropertyList::readDictionaryStrings(value, kKeys)) {
+        for (std::string_view key : kKeys) {
+            if (auto it = strings->find(std::string(key));
+                it != strings->end() && !it->second.empty()) {
                 return it->second;
             }
         }

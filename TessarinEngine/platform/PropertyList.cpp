@@ -1,6 +1,5 @@
 #include "TessarinEngine/platform/PropertyList.h"
 
-#include <cstdlib>
 #include <limits>
 #include <memory>
 #include <plist/plist.h>
@@ -14,16 +13,10 @@ struct NodeFree {
 };
 using Node = std::unique_ptr<void, NodeFree>;
 
-// libplist hands out strings allocated with malloc.
-struct CharFree {
-    void operator()(char* p) const { std::free(p); }
-};
-using CString = std::unique_ptr<char, CharFree>;
-
 } // namespace
 
 std::optional<std::map<std::string, std::string>>
-readStringDictionary(std::span<const std::uint8_t> bytes) {
+readDictionaryStrings(std::span<const std::uint8_t> bytes, std::span<const std::string_view> keys) {
     if (bytes.empty() || bytes.size() > std::numeric_limits<std::uint32_t>::max()) {
         return std::nullopt;
     }
@@ -34,26 +27,18 @@ readStringDictionary(std::span<const std::uint8_t> bytes) {
     if (!root || plist_get_node_type(raw) != PLIST_DICT) {
         return std::nullopt;
     }
+    // Looked up by key rather than iterated, and read through the pointer form: libplist's
+    // copying getters assert (and abort) on a string or key with a NUL inside.
     std::map<std::string, std::string> values;
-    plist_dict_iter iter = nullptr;
-    plist_dict_new_iter(raw, &iter);
-    // The iterator is a malloc'd cursor.
-    std::unique_ptr<void, void (*)(void*)> iterOwner(iter, std::free);
-    for (;;) {
-        char* key = nullptr;
-        plist_t value = nullptr;
-        plist_dict_next_item(raw, iter, &key, &value);
-        CString keyOwner(key);
-        if (value == nullptr) {
-            break;
+    for (std::string_view key : keys) {
+        const std::string name(key);
+        plist_t value = plist_dict_get_item(raw, name.c_str());
+        if (value == nullptr || plist_get_node_type(value) != PLIST_STRING) {
+            continue;
         }
-        if (key != nullptr && plist_get_node_type(value) == PLIST_STRING) {
-            char* text = nullptr;
-            plist_get_string_val(value, &text);
-            CString textOwner(text);
-            if (text != nullptr) {
-                values.emplace(key, text);
-            }
+        std::uint64_t length = 0;
+        if (const char* text = plist_get_string_ptr(value, &length); text != nullptr) {
+            values.emplace(name, std::string(text, length));
         }
     }
     return values;
