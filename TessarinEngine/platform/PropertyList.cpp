@@ -1,5 +1,6 @@
 #include "TessarinEngine/platform/PropertyList.h"
 
+#include <cstring>
 #include <limits>
 #include <memory>
 #include <plist/plist.h>
@@ -38,7 +39,8 @@ readDictionaryStrings(std::span<const std::uint8_t> bytes, std::span<const std::
         }
         std::uint64_t length = 0;
         if (const char* text = plist_get_string_ptr(value, &length); text != nullptr) {
-            values.emplace(name, std::string(text, length));
+            // A NUL ends the text: libplist copies some strings only that far.
+            values.emplace(name, std::string(text, ::strnlen(text, length)));
         }
     }
     return values;
