@@ -13,9 +13,11 @@
 #include "TessarinEngine/platform/Xml.h"
 
 #include <algorithm>
+#include <cctype>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <limits>
 #include <set>
 
 namespace MediaMetadata {

@@ -121,15 +121,6 @@ TEST(QuickTime, FindsMakeAndModelInUserDataAtoms) {
     }
 }
 
-TEST(QuickTime, DeepNestingEndsAtTheDepthLimit) {
-    // Thousands of nested boxes must neither overflow the stack nor be searched.
-    Bytes b = userDataText("\xA9mod", "Buried");
-    for (int i = 0; i < 5000; ++i) {
-        b = box(i % 2 ? "udta" : "moov", b);
-    }
-    EXPECT_FALSE(QuickTime::readDeviceAtoms(b));
-}
-
 Track timecodeTrack(std::uint32_t frameNumber, std::uint8_t fps) {
     Track t;
     t.handler = "tmcd";
