@@ -89,6 +89,8 @@ TEST(QuickTime, FindsMakeAndModelInUserDataAtoms) {
          moovWith(box("udta", cat({userDataText("\xA9mak", "Acme", 0x55C4),
                                    userDataText("\xA9mod", std::string(40, 'M'), 0x55C4)}))),
          "Acme " + std::string(40, 'M')},
+        {"a model named with \"data\"",
+         moovWith(box("udta", userDataText("\xA9mod", "Metadata 1"))), "Metadata 1"},
         {"make alone", moovWith(box("udta", userDataText("make", "Acme"))), "Acme"},
         {"model alone", moovWith(box("udta", userDataText("\xA9mod", "X1"))), "X1"},
         {"first model wins",

@@ -31,21 +31,22 @@ std::optional<Bytes> childContent(Bytes bytes, std::uint32_t type) {
     return std::nullopt;
 }
 
-// Text of an atom the way cameras write make and model: an item-list atom holding a "data" atom
-// (type and locale before the value), or a user-data string (length and language code before
-// the text). Whatever binary bytes are left over are control characters, which are dropped.
+// Text of an atom the way cameras write make and model: a user-data string (length and language
+// code before the text), or an item-list atom holding a "data" atom (type and locale before the
+// value). Whatever binary bytes are left over are control characters, which are dropped.
 std::string cleanAtomText(Bytes content) {
     constexpr std::size_t kMaxBytes = 256;
     Bytes head = content.first(std::min(content.size(), kMaxBytes));
     const std::string_view view(reinterpret_cast<const char*>(head.data()), head.size());
-    if (const auto at = view.find("data"); at != std::string_view::npos) {
+    if (head.size() >= 4 &&
+        static_cast<std::size_t>(head[0] << 8 | head[1]) == content.size() - 4) {
+        // The length matches: a user-data string. Its language code is no control character
+        // ("und" packs to 0x55C4), and a length of 32 or more is printable, so the header is
+        // cut rather than cleaned; a "data" inside the text is text.
+        head = head.subspan(4);
+    } else if (const auto at = view.find("data"); at != std::string_view::npos) {
         // The value starts after the tag, the 4-byte type and the 4-byte locale.
         head = at + 12 <= head.size() ? head.subspan(at + 12) : Bytes{};
-    } else if (head.size() >= 4 &&
-               static_cast<std::size_t>(head[0] << 8 | head[1]) == content.size() - 4) {
-        // A user-data string. Its language code is no control character ("und" packs to
-        // 0x55C4), and a length of 32 or more is printable, so the header is cut, not cleaned.
-        head = head.subspan(4);
     }
     const std::string_view text(reinterpret_cast<const char*>(head.data()), head.size());
     return Unicode::trimWhitespace(Unicode::dropControls(text));
