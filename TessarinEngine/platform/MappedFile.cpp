@@ -25,9 +25,14 @@ struct Descriptor {
 } // namespace
 
 std::optional<MappedFile> MappedFile::open(const std::filesystem::path& path) {
-    // O_NONBLOCK keeps open() from waiting for a writer on a FIFO; the type check below then
-    // refuses it.
-    Descriptor file{::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)};
+    // Devices and FIFOs are refused before open(), which has effects on some of them. Should
+    // the path change in between, O_NONBLOCK keeps open() from waiting for a FIFO's writer and
+    // the type check on the descriptor still refuses it.
+    struct stat before {};
+    if (::stat(path.c_str(), &before) != 0 || !S_ISREG(before.st_mode)) {
+        return std::nullopt;
+    }
+    Descriptor file{::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
     if (file.fd < 0) {
         return std::nullopt;
     }
