@@ -34,9 +34,7 @@ constexpr double kFlatSpread = 1e-6;
 constexpr float kNoNeighbour = -3.4028235e38f;
 
 constexpr std::size_t kDefaultCacheBudget = std::size_t{128} << 20;
-// Below this transform size a reference's spectra are cheaper to make again than to keep; above
-// the entry count the table's upkeep would start to cost more than it saves.
-constexpr std::size_t kMinCachedSize = 2048;
+// Beyond this many entries the table's upkeep would start to cost more than it saves.
 constexpr std::size_t kMaxCacheEntries = 1024;
 
 std::array<std::size_t, kBandCount + 1> bandEdges() {
@@ -97,41 +95,344 @@ std::size_t correlationSize(std::size_t a, std::size_t b) {
     return size < 8 ? 0 : size;
 }
 
-// Forward spectra of every band of a reference at one transform size. Made once, by whichever
-// caller gets there first; read-only afterwards.
-struct ReferenceSpectra {
+// Sums term(0) ... term(count - 1) in independent lanes of Acc, flushed to double every block: the
+// lanes let the compiler vectorise a sum it may not reorder, the flushes keep it near a double sum.
+template <class Acc, class Term>
+double sumInLanes(std::size_t count, Term term) {
+    constexpr std::size_t kLanes = 8;
+    constexpr std::size_t kBlock = 1024;
+    double total = 0;
+    std::size_t m = 0;
+    while (m + kLanes <= count) {
+        Acc lanes[kLanes] = {};
+        const std::size_t end = std::min(count, m + kBlock);
+        for (; m + kLanes <= end; m += kLanes) {
+            for (std::size_t l = 0; l < kLanes; ++l) {
+                lanes[l] += term(m + l);
+            }
+        }
+        for (Acc v : lanes) {
+            total += static_cast<double>(v);
+        }
+    }
+    for (; m < count; ++m) {
+        total += static_cast<double>(term(m));
+    }
+    return total;
+}
+
+// The two ways of correlating below give the summed correlation S at lags first ... last:
+// S(L) = sum over the used bands of r(L) / rms(r), r(L) = 2 * sum over n of ref[n + L] * clip[n],
+// read on the circle of N lags, rms over all N of them. A band is used when its rms is above
+// kFlatRms and finite; with no band used there is nothing.
+using LagValues = std::optional<std::vector<float>>;
+
+bool usableRms(double rms) {
+    return rms > kFlatRms && std::isfinite(rms);
+}
+
+void loadPadded(Fft::RealBuffer& padded, const std::vector<float>& band) {
+    std::fill(padded.begin(), padded.end(), 0.0f);
+    std::copy_n(band.begin(), std::min(band.size(), padded.size()), padded.begin());
+}
+
+// All N lags in one transform of size N per band and side, as the correlator would, with two
+// shortcuts: each band's rms comes from its spectrum (Parseval), and the weighted spectra are
+// summed before a single inverse transform. Serves every feature, however shaped: a band whose
+// lengths give a different N is left out, as the correlator's result would be.
+LagValues correlateWhole(const Feature& clip, const Feature& ref, const Fft::Setup& setup,
+                         std::int64_t first, std::int64_t last) {
+    const std::size_t size = setup.size();
+    const std::size_t bins = setup.spectrumSize();
+    Fft::RealBuffer padded(size);
+    Fft::ComplexBuffer refSpectrum(bins);
+    Fft::ComplexBuffer product(bins);
+    Fft::ComplexBuffer sum(bins);
+    bool used = false;
+    for (std::size_t i = 0; i < clip.bandCount(); ++i) {
+        if (correlationSize(ref.band(i).size(), clip.band(i).size()) != size) {
+            continue;
+        }
+        loadPadded(padded, ref.band(i));
+        setup.forward(padded, refSpectrum);
+        loadPadded(padded, clip.band(i));
+        setup.forward(padded, product);
+
+        // product = ref * conj(clip), and its energy over the whole conjugate-symmetric
+        // spectrum: bins 1 to N/2 - 1 count twice, bins 0 and N/2 once.
+        const float* r = reinterpret_cast<const float*>(refSpectrum.data());
+        float* p = reinterpret_cast<float*>(product.data());
+        const double twice = 2.0 * sumInLanes<float>(bins, [&](std::size_t m) {
+                                 const float ar = r[2 * m], ai = r[2 * m + 1];
+                                 const float br = p[2 * m], bi = p[2 * m + 1];
+                                 const float pr = ar * br + ai * bi;
+                                 const float pi = ai * br - ar * bi;
+                                 p[2 * m] = pr;
+                                 p[2 * m + 1] = pi;
+                                 return pr * pr + pi * pi;
+                             });
+        const double energy = twice - std::norm(std::complex<double>(product[0])) -
+                              std::norm(std::complex<double>(product[bins - 1]));
+        // The correlation is 2/N times the inverse of the product, so its rms over N lags is
+        // 2 sqrt(energy) / N, and 2/N divided by that rms is 1 / sqrt(energy).
+        if (!usableRms(2.0 * std::sqrt(energy) / static_cast<double>(size))) {
+            continue;
+        }
+        const float weight = static_cast<float>(1.0 / std::sqrt(energy));
+        float* s = reinterpret_cast<float*>(sum.data());
+        for (std::size_t k = 0; k < 2 * bins; ++k) {
+            s[k] += weight * p[k];
+        }
+        used = true;
+    }
+    if (!used) {
+        return std::nullopt;
+    }
+    setup.inverse(sum, padded);
+    std::vector<float> values(static_cast<std::size_t>(last - first + 1));
+    for (std::int64_t lag = first; lag <= last; ++lag) {
+        values[std::size_t(lag - first)] =
+            padded[std::size_t(lag < 0 ? lag + std::int64_t(size) : lag)];
+    }
+    return values;
+}
+
+// A reference cut into overlapping blocks for overlap-save correlation against clips of at most
+// half a block: block j holds the reference from (j - 1) * hop on for a whole block (zeros outside
+// the reference), hop being half a block. Correlated circularly with such a clip, block j gives
+// the exact lags (j - 1) * hop ... j * hop - 1. Made once, by whichever caller gets there first;
+// read-only afterwards.
+struct BlockSpectra {
     std::once_flag made;
-    std::vector<Fft::ComplexBuffer> bands;
+    std::size_t blockSize = 0;
+    std::size_t hop = 0;
+    std::size_t blocks = 0;
+    std::size_t bins = 0;
+    // Split form for the multiply-accumulate loop: per band, block j's real parts start at
+    // 2 j stride and its imaginary parts at (2 j + 1) stride.
+    std::size_t stride = 0;
+    std::vector<std::vector<float>> blockSpectra;
+    // Per band, the (real) spectrum of its autocorrelation at lags -hop ... hop, laid out on the
+    // circle of one block. With it a clip band's correlation energy over all lags is one dot
+    // product with the clip's power spectrum.
+    std::vector<std::vector<float>> autocorrelationSpectra;
 };
 
-std::size_t spectraBytes(std::size_t bandCount, std::size_t size) {
-    return bandCount * (size / 2 + 1) * sizeof(std::complex<float>);
+constexpr std::size_t kMinBlockSize = 2048;
+// Fewer blocks than this, and one whole-length correlation costs less than making the blocks.
+constexpr std::size_t kMinBlocks = 4;
+
+std::size_t blockSizeFor(int clipFrames) {
+    return std::max(kMinBlockSize, std::bit_ceil(2 * static_cast<std::size_t>(clipFrames)));
 }
 
-void makeSpectra(ReferenceSpectra& spectra, const Feature& ref, const Fft::Setup& setup) {
-    std::vector<Fft::ComplexBuffer> bands;
-    Fft::RealBuffer padded(setup.size());
+std::size_t blockCount(int refFrames, std::size_t hop) {
+    return (static_cast<std::size_t>(refFrames) - 1) / hop + 2;
+}
+
+std::size_t splitStride(std::size_t bins) {
+    return (bins + 15) / 16 * 16;
+}
+
+std::size_t blockSpectraBytes(std::size_t bandCount, std::size_t blockSize, int refFrames) {
+    const std::size_t bins = blockSize / 2 + 1;
+    const std::size_t blocks = blockCount(refFrames, blockSize / 2);
+    return bandCount * (blocks * 2 * splitStride(bins) + bins) * sizeof(float);
+}
+
+void makeBlockSpectra(BlockSpectra& out, const Feature& ref, const Fft::Setup& setup) {
+    const std::size_t size = setup.size();
+    const std::size_t hop = size / 2;
+    const std::size_t bins = setup.spectrumSize();
+    const std::size_t blocks = blockCount(ref.frames, hop);
+    const std::size_t stride = splitStride(bins);
+    const auto frames = static_cast<std::size_t>(ref.frames);
+
+    std::vector<std::vector<float>> blockSpectra;
+    std::vector<std::vector<float>> autocorrelationSpectra;
+    Fft::RealBuffer half(size);
+    Fft::RealBuffer lags(size);
+    Fft::ComplexBuffer current(bins);
+    Fft::ComplexBuffer next(bins);
+    Fft::ComplexBuffer cross(bins);
     for (std::size_t i = 0; i < ref.bandCount(); ++i) {
         const auto& band = ref.band(i);
-        std::fill(padded.begin(), padded.end(), 0.0f);
-        std::copy_n(band.begin(), std::min(band.size(), setup.size()), padded.begin());
-        bands.emplace_back(setup.spectrumSize());
-        setup.forward(padded, bands.back());
+        // Spectrum of half-block h: the reference from (h - 1) * hop on for one hop, zero-padded
+        // to a block. Block j is half-block j plus half-block j + 1 moved by one hop, which turns
+        // into a sign of (-1)^m on bin m: one transform per hop instead of one per block.
+        auto halfSpectrum = [&](std::size_t h, Fft::ComplexBuffer& spectrum) {
+            if (h == 0 || (h - 1) * hop >= frames) {
+                std::fill(spectrum.begin(), spectrum.end(), std::complex<float>());
+                return;
+            }
+            const std::size_t from = (h - 1) * hop;
+            const std::size_t count = std::min(hop, frames - from);
+            std::copy_n(band.begin() + std::ptrdiff_t(from), count, half.begin());
+            std::fill(half.begin() + std::ptrdiff_t(count), half.begin() + std::ptrdiff_t(hop),
+                      0.0f);
+            setup.forward(half, spectrum);
+        };
+        std::vector<float> split(blocks * 2 * stride, 0.0f);
+        std::fill(cross.begin(), cross.end(), std::complex<float>());
+        halfSpectrum(0, current);
+        for (std::size_t j = 0; j < blocks; ++j) {
+            halfSpectrum(j + 1, next);
+            float* re = split.data() + 2 * j * stride;
+            float* im = re + stride;
+            for (std::size_t m = 0; m < bins; ++m) {
+                const std::complex<float> f = current[m];
+                const std::complex<float> g = m % 2 ? -next[m] : next[m];
+                const float br = f.real() + g.real(), bi = f.imag() + g.imag();
+                re[m] = br;
+                im[m] = bi;
+                // Block j against its own first half sums, over all blocks, to the reference's
+                // autocorrelation at lags 0 ... hop.
+                cross[m] += std::complex<float>(br * f.real() + bi * f.imag(),
+                                                bi * f.real() - br * f.imag());
+            }
+            std::swap(current, next);
+        }
+        setup.inverse(cross, lags);
+        const float scale = 1.0f / static_cast<float>(size);
+        for (std::size_t d = 0; d <= hop; ++d) {
+            lags[d] *= scale;
+        }
+        for (std::size_t d = 1; d < hop; ++d) {
+            lags[size - d] = lags[d];
+        }
+        setup.forward(lags, current);
+        std::vector<float> autocorrelation(bins);
+        for (std::size_t m = 0; m < bins; ++m) {
+            autocorrelation[m] = current[m].real();
+        }
+        blockSpectra.push_back(std::move(split));
+        autocorrelationSpectra.push_back(std::move(autocorrelation));
     }
+    out.blockSize = size;
+    out.hop = hop;
+    out.blocks = blocks;
+    out.bins = bins;
+    out.stride = stride;
     // Assigned whole at the end: if making them fails, the next caller starts from nothing.
-    spectra.bands = std::move(bands);
+    out.blockSpectra = std::move(blockSpectra);
+    out.autocorrelationSpectra = std::move(autocorrelationSpectra);
 }
 
-// The references' spectra, keyed by band storage and transform size, least recently used first
+// Only lags first ... last are made, one inverse transform of a block per hop of them, from the
+// reference's kept block spectra. Needs every band to hold exactly `frames` values.
+LagValues correlateInBlocks(const Feature& clip, const Feature& ref, const BlockSpectra& spectra,
+                            const Fft::Setup& setup, std::size_t size, std::int64_t first,
+                            std::int64_t last) {
+    const std::size_t block = spectra.blockSize;
+    const auto hop = static_cast<std::int64_t>(spectra.hop);
+    const std::size_t bins = spectra.bins;
+    const std::int64_t nc = clip.frames;
+    const std::int64_t nr = ref.frames;
+
+    Fft::RealBuffer padded(block);
+    Fft::ComplexBuffer spectrum(bins);
+    std::vector<std::size_t> used;
+    std::vector<float> directWeights;
+    std::vector<float> weightedRe;
+    std::vector<float> weightedIm;
+    for (std::size_t i = 0; i < clip.bandCount(); ++i) {
+        std::copy(clip.band(i).begin(), clip.band(i).end(), padded.begin());
+        setup.forward(padded, spectrum);
+        // The band's correlation energy over all lags is the sum over lags d of the two
+        // autocorrelations' product; the clip's is zero beyond |d| < nc <= hop.
+        const float* c = reinterpret_cast<const float*>(spectrum.data());
+        const float* a = spectra.autocorrelationSpectra[i].data();
+        auto term = [&](std::size_t m) {
+            return a[m] * (c[2 * m] * c[2 * m] + c[2 * m + 1] * c[2 * m + 1]);
+        };
+        const double energy =
+            (2.0 * sumInLanes<float>(bins, term) - term(0) - term(bins - 1)) / double(block);
+        const double rms = 2.0 * std::sqrt(energy / static_cast<double>(size));
+        if (!usableRms(rms)) {
+            continue;
+        }
+        // Folds 1/rms, the correlation's factor 2 and the inverse transform's missing 1/block
+        // into the conjugated clip spectrum.
+        const auto scale = static_cast<float>(2.0 / (static_cast<double>(block) * rms));
+        for (std::size_t m = 0; m < bins; ++m) {
+            weightedRe.push_back(c[2 * m] * scale);
+            weightedIm.push_back(-c[2 * m + 1] * scale);
+        }
+        used.push_back(i);
+        directWeights.push_back(static_cast<float>(2.0 / rms));
+    }
+    if (used.empty()) {
+        return std::nullopt;
+    }
+
+    std::vector<float> values(static_cast<std::size_t>(last - first + 1), 0.0f);
+    const std::int64_t reachFirst = std::max(first, 1 - nc);
+    const std::int64_t reachLast = std::min(last, nr - 1);
+    if (reachFirst <= reachLast) {
+        std::vector<float> sumRe(bins);
+        std::vector<float> sumIm(bins);
+        Fft::ComplexBuffer sum(bins);
+        for (std::int64_t j = (reachFirst + hop) / hop; j <= (reachLast + hop) / hop; ++j) {
+            std::fill(sumRe.begin(), sumRe.end(), 0.0f);
+            std::fill(sumIm.begin(), sumIm.end(), 0.0f);
+            for (std::size_t u = 0; u < used.size(); ++u) {
+                const float* rRe =
+                    spectra.blockSpectra[used[u]].data() + 2 * std::size_t(j) * spectra.stride;
+                const float* rIm = rRe + spectra.stride;
+                const float* wRe = weightedRe.data() + u * bins;
+                const float* wIm = weightedIm.data() + u * bins;
+                float* sRe = sumRe.data();
+                float* sIm = sumIm.data();
+                for (std::size_t m = 0; m < bins; ++m) {
+                    sRe[m] += rRe[m] * wRe[m] - rIm[m] * wIm[m];
+                    sIm[m] += rRe[m] * wIm[m] + rIm[m] * wRe[m];
+                }
+            }
+            for (std::size_t m = 0; m < bins; ++m) {
+                sum[m] = {sumRe[m], sumIm[m]};
+            }
+            setup.inverse(sum, padded);
+            const std::int64_t start = (j - 1) * hop;
+            for (std::int64_t lag = std::max(reachFirst, start);
+                 lag <= std::min(reachLast, start + hop - 1); ++lag) {
+                values[std::size_t(lag - first)] = padded[std::size_t(lag - start)];
+            }
+        }
+    }
+
+    // On the circle of N lags the reachable ones stand once and the rest are zero. The two lags
+    // just outside them (-nc and nr, searched only without overlap) fall on a reachable lag when
+    // N is exactly nc + nr - 1; there only one product of the two features contributes.
+    auto directLag = [&](std::int64_t lag) {
+        float v = 0;
+        for (std::size_t u = 0; u < used.size(); ++u) {
+            const auto& a = ref.band(used[u]);
+            const auto& b = clip.band(used[u]);
+            const auto n = static_cast<std::size_t>(lag < 0 ? -lag : 0);
+            v += directWeights[u] * a[std::size_t(std::int64_t(n) + lag)] * b[n];
+        }
+        return v;
+    };
+    const bool tight = static_cast<std::int64_t>(size) == nc + nr - 1;
+    if (first < reachFirst) {
+        values.front() = tight ? directLag(nr - 1) : 0.0f;
+    }
+    if (last > reachLast) {
+        values.back() = tight ? directLag(1 - nc) : 0.0f;
+    }
+    return values;
+}
+
+// The references' block spectra, keyed by band storage and block size, least recently used first
 // out. An entry only watches its feature (weak ownership), so a dead feature's address cannot be
 // mistaken for a new one's while the entry exists.
 class SpectrumCache {
 public:
-    // The spectra for `ref` at `size`, shared with the table when they fit in it, or made for
-    // this caller alone. They may still need making: see ReferenceSpectra::made.
-    std::shared_ptr<ReferenceSpectra> find(const Feature& ref, std::size_t size) {
-        const Key key{ref.bands.get(), size};
-        const std::size_t bytes = spectraBytes(ref.bandCount(), size);
+    // The block spectra for `ref` at `blockSize`, shared with the table; they may still need
+    // making (see BlockSpectra::made). Nothing when they would not fit in the budget.
+    std::shared_ptr<BlockSpectra> find(const Feature& ref, std::size_t blockSize,
+                                       std::size_t bytes) {
+        const Key key{ref.bands.get(), blockSize};
         std::lock_guard<std::mutex> guard(lock_);
         if (auto found = index_.find(key); found != index_.end()) {
             if (!found->second->owner.expired()) {
@@ -140,15 +441,15 @@ public:
             }
             erase(found->second);
         }
-        auto spectra = std::make_shared<ReferenceSpectra>();
-        if (size < kMinCachedSize || bytes > budget_) {
-            return spectra;
+        if (bytes > budget_) {
+            return nullptr;
         }
         dropExpired();
         while (!recent_.empty() &&
                (bytes_ + bytes > budget_ || recent_.size() >= kMaxCacheEntries)) {
             erase(std::prev(recent_.end()));
         }
+        auto spectra = std::make_shared<BlockSpectra>();
         recent_.push_front(Entry{key, ref.bands, spectra, bytes});
         index_.emplace(key, recent_.begin());
         bytes_ += bytes;
@@ -174,18 +475,18 @@ public:
 private:
     struct Key {
         const Feature::Bands* bands;
-        std::size_t size;
+        std::size_t blockSize;
         bool operator==(const Key&) const = default;
     };
     struct KeyHash {
         std::size_t operator()(const Key& k) const {
-            return std::hash<const void*>()(k.bands) ^ (k.size * 0x9e3779b97f4a7c15ull);
+            return std::hash<const void*>()(k.bands) ^ (k.blockSize * 0x9e3779b97f4a7c15ull);
         }
     };
     struct Entry {
         Key key;
         std::weak_ptr<const Feature::Bands> owner;
-        std::shared_ptr<ReferenceSpectra> spectra;
+        std::shared_ptr<BlockSpectra> spectra;
         std::size_t bytes;
     };
 
@@ -218,118 +519,90 @@ SpectrumCache& spectrumCache() {
     return cache;
 }
 
-// product = ref * conj(product), bin by bin, in place. Returns the energy of the product over the
-// whole conjugate-symmetric spectrum, which by Parseval is N times the energy of its inverse.
-double multiplyConjugate(const Fft::ComplexBuffer& ref, Fft::ComplexBuffer& product,
-                         std::size_t bins) {
-    const float* r = reinterpret_cast<const float*>(ref.data());
-    float* p = reinterpret_cast<float*>(product.data());
-    double inner = 0;
-    for (std::size_t m = 0; m < bins; ++m) {
-        const float ar = r[2 * m], ai = r[2 * m + 1];
-        const float br = p[2 * m], bi = p[2 * m + 1];
-        const float pr = ar * br + ai * bi;
-        const float pi = ai * br - ar * bi;
-        p[2 * m] = pr;
-        p[2 * m + 1] = pi;
-        inner += static_cast<double>(pr * pr + pi * pi);
+bool bandsHoldFrames(const Feature& f) {
+    for (std::size_t i = 0; i < f.bandCount(); ++i) {
+        if (f.band(i).size() != static_cast<std::size_t>(f.frames)) {
+            return false;
+        }
     }
-    // Bins 1 to N/2 - 1 stand for their mirror images as well; bins 0 and N/2 only for themselves.
-    const double edge = std::norm(std::complex<double>(product[0])) +
-                        std::norm(std::complex<double>(product[bins - 1]));
-    return 2.0 * inner - edge;
+    return true;
 }
 
-// The sum over the bands of each band's circular correlation (reference against clip) divided by
-// its RMS over all N lags, or nothing when no band has energy in its correlation. The RMS comes
-// from the spectrum (Parseval), so the weighted spectra can be summed before one inverse transform.
-std::optional<Fft::RealBuffer> summedCorrelation(const Feature& clip, const Feature& ref,
-                                                 const Fft::Setup& setup) {
-    const std::size_t size = setup.size();
-    const std::size_t bins = setup.spectrumSize();
-    auto spectra = spectrumCache().find(ref, size);
-    std::call_once(spectra->made, [&] { makeSpectra(*spectra, ref, setup); });
-
-    Fft::RealBuffer padded(size);
-    Fft::ComplexBuffer product(bins);
-    Fft::ComplexBuffer sum(bins);
-    std::size_t copied = 0;
-    bool used = false;
-    for (std::size_t i = 0; i < clip.bandCount(); ++i) {
-        const auto& band = clip.band(i);
-        if (correlationSize(ref.band(i).size(), band.size()) != size) {
-            continue;
+LagValues summedCorrelation(const Feature& clip, const Feature& ref, std::size_t size,
+                            std::int64_t first, std::int64_t last) {
+    const std::size_t block = blockSizeFor(clip.frames);
+    if (block <= (std::size_t{1} << SyncCorrelator::kMaxLog2n) &&
+        blockCount(ref.frames, block / 2) >= kMinBlocks && bandsHoldFrames(clip) &&
+        bandsHoldFrames(ref)) {
+        const auto* setup =
+            SyncCorrelator::sharedFFTSetup(static_cast<unsigned>(std::countr_zero(block)));
+        auto spectra =
+            setup ? spectrumCache().find(ref, block,
+                                         blockSpectraBytes(ref.bandCount(), block, ref.frames))
+                  : nullptr;
+        if (spectra) {
+            std::call_once(spectra->made, [&] { makeBlockSpectra(*spectra, ref, *setup); });
+            return correlateInBlocks(clip, ref, *spectra, *setup, size, first, last);
         }
-        std::fill_n(padded.begin(), copied, 0.0f);
-        copied = std::min(band.size(), size);
-        std::copy_n(band.begin(), copied, padded.begin());
-        setup.forward(padded, product);
-        const double energy = multiplyConjugate(spectra->bands[i], product, bins);
-        // The correlation is 2/N times the inverse of the product, so its RMS over N lags is
-        // 2 sqrt(energy) / N, and 2/N divided by that RMS is 1 / sqrt(energy).
-        const double rms = 2.0 * std::sqrt(energy) / static_cast<double>(size);
-        if (!(rms > kFlatRms) || !std::isfinite(rms)) {
-            continue;
-        }
-        const float weight = static_cast<float>(1.0 / std::sqrt(energy));
-        const float* p = reinterpret_cast<const float*>(product.data());
-        float* s = reinterpret_cast<float*>(sum.data());
-        for (std::size_t k = 0; k < 2 * bins; ++k) {
-            s[k] += weight * p[k];
-        }
-        used = true;
     }
-    if (!used) {
+    const auto* setup =
+        SyncCorrelator::sharedFFTSetup(static_cast<unsigned>(std::countr_zero(size)));
+    if (!setup) {
         return std::nullopt;
     }
-    Fft::RealBuffer summed(size);
-    setup.inverse(sum, summed);
-    return summed;
+    return correlateWhole(clip, ref, *setup, first, last);
 }
 
-struct Candidate {
-    float score;
-    std::int64_t lag;
-};
-
-std::vector<Peak> searchPeaks(const float* summed, std::int64_t size, std::int64_t first,
-                              std::int64_t last, int topK, double minSeparationSec) {
-    if (topK < 1 || last < first || first < -size || last >= size) {
+// Steps through the searched lags: z-scores over them, local maxima (ties included, the range's
+// ends against a missing neighbour), best first, separated, at most topK.
+std::vector<Peak> searchPeaks(const std::vector<float>& values, std::int64_t firstLag, int topK,
+                              double minSeparationSec) {
+    const std::size_t count = values.size();
+    if (topK < 1 || count == 0) {
         return {};
     }
-    auto at = [&](std::int64_t lag) {
-        return summed[lag < 0 ? lag + size : lag];
-    };
-
-    const auto count = static_cast<double>(last - first + 1);
-    double s1 = 0;
-    double s2 = 0;
-    for (std::int64_t lag = first; lag <= last; ++lag) {
-        const double v = at(lag);
-        s1 += v;
-        s2 += v * v;
-    }
-    const double mean = s1 / count;
-    const double spread = std::sqrt(std::max(0.0, s2 / count - mean * mean));
+    const float* v = values.data();
+    const double s1 = sumInLanes<double>(count, [&](std::size_t k) { return double(v[k]); });
+    const double s2 = sumInLanes<double>(count, [&](std::size_t k) { return double(v[k]) * v[k]; });
+    const double mean = s1 / static_cast<double>(count);
+    const double spread = std::sqrt(std::max(0.0, s2 / static_cast<double>(count) - mean * mean));
     if (!(spread > kFlatSpread)) {
         return {};
     }
 
-    std::vector<Candidate> candidates;
-    for (std::int64_t lag = first; lag <= last; ++lag) {
-        const float v = at(lag);
-        const float left = lag > first ? at(lag - 1) : kNoNeighbour;
-        const float right = lag < last ? at(lag + 1) : kNoNeighbour;
-        if (left <= v && right <= v) {
-            candidates.push_back({static_cast<float>((v - mean) / spread), lag});
-        }
+    // Branch-free: about a third of the lags of a noisy sum are local maxima, at random.
+    std::vector<std::uint32_t> at(count);
+    std::size_t found = 0;
+    auto isPeak = [&](std::size_t k) {
+        const float left = k > 0 ? v[k - 1] : kNoNeighbour;
+        const float right = k + 1 < count ? v[k + 1] : kNoNeighbour;
+        return left <= v[k] && right <= v[k];
+    };
+    at[found] = 0;
+    found += isPeak(0);
+    for (std::size_t k = 1; k + 1 < count; ++k) {
+        at[found] = static_cast<std::uint32_t>(k);
+        found += (v[k - 1] <= v[k]) & (v[k + 1] <= v[k]);
+    }
+    if (count > 1) {
+        at[found] = static_cast<std::uint32_t>(count - 1);
+        found += isPeak(count - 1);
+    }
+    struct Candidate {
+        float score;
+        std::int64_t lag;
+    };
+    std::vector<Candidate> candidates(found);
+    for (std::size_t c = 0; c < found; ++c) {
+        candidates[c] = {static_cast<float>((v[at[c]] - mean) / spread),
+                         firstLag + static_cast<std::int64_t>(at[c])};
     }
 
     double separation = std::round(minSeparationSec * kFrameRate);
     if (!(separation >= 1)) {
         separation = 1;
     }
-    // Lags differ by less than 2^33, so a larger separation is as good as infinite.
+    // Searched lags differ by less than 2^33, so a larger separation is as good as infinite.
     const auto apart = static_cast<std::int64_t>(std::min(separation, 0x1p40));
 
     // A stable sort by score, best first: equal scores keep ascending lag, which is the only
@@ -339,11 +612,11 @@ std::vector<Peak> searchPeaks(const float* summed, std::int64_t size, std::int64
     };
     std::vector<Peak> accepted;
     std::set<std::int64_t> acceptedLags;
-    // Only the best few candidates are usually looked at; sort more only when separation has
+    // Usually only the best few candidates are looked at; sort further only when separation has
     // dropped them all before topK were accepted.
     std::size_t walked = 0;
     std::size_t sorted =
-        std::min(candidates.size(), std::max<std::size_t>(64, 4 * std::size_t(topK)));
+        std::min(candidates.size(), std::max<std::size_t>(64, 4 * static_cast<std::size_t>(topK)));
     while (walked < candidates.size()) {
         std::partial_sort(candidates.begin() + std::ptrdiff_t(walked),
                           candidates.begin() + std::ptrdiff_t(sorted), candidates.end(), before);
@@ -474,23 +747,24 @@ std::vector<Peak> peaks(const Feature& clip, const Feature& ref, double minOffse
         return {};
     }
 
-    const auto* setup =
-        SyncCorrelator::sharedFFTSetup(static_cast<unsigned>(std::countr_zero(size)));
-    if (!setup) {
+    const auto values = summedCorrelation(clip, ref, size, first, last);
+    if (!values) {
         return {};
     }
-    const auto summed = summedCorrelation(clip, ref, *setup);
-    if (!summed) {
-        return {};
-    }
-    return searchPeaks(summed->data(), static_cast<std::int64_t>(size), first, last, topK,
-                       minSeparationSec);
+    return searchPeaks(*values, first, topK, minSeparationSec);
 }
 
 std::vector<Peak> pickPeaks(const std::vector<float>& summed, int firstLag, int lastLag, int topK,
                             double minSeparationSec) {
-    return searchPeaks(summed.data(), static_cast<std::int64_t>(summed.size()), firstLag, lastLag,
-                       topK, minSeparationSec);
+    const auto size = static_cast<std::int64_t>(summed.size());
+    if (lastLag < firstLag || firstLag < -size || lastLag >= size) {
+        return {};
+    }
+    std::vector<float> values;
+    for (std::int64_t lag = firstLag; lag <= lastLag; ++lag) {
+        values.push_back(summed[std::size_t(lag < 0 ? lag + size : lag)]);
+    }
+    return searchPeaks(values, firstLag, topK, minSeparationSec);
 }
 
 SpectrumCacheUsage spectrumCacheUsage() {

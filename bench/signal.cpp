@@ -1,0 +1,164 @@
+// Speed of the band features and of the band search.
+//
+// compute_realtime_factor: seconds of 16 kHz audio turned into features per CPU second, over one
+// hour of noise. peaks_fft_equivalents_*: one search of a 45 s clip against a reference of 10
+// minutes, 1 hour or 3 hours of features, already searched before (as a pool segment is searched
+// by clip after clip), in units of one forward real transform of the size the search uses.
+
+#include "TessarinEngine/SpectralBands.h"
+#include "TessarinEngine/SyncCorrelator.h"
+#include "TessarinEngine/platform/Fft.h"
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <bit>
+#include <cstdint>
+#include <cstdio>
+#include <limits>
+#include <map>
+#include <random>
+#include <string>
+
+namespace {
+
+constexpr int kClipFrames = 1125;
+constexpr int kClipCount = 8;
+constexpr double kHour = 3600.0;
+
+std::vector<float> noise(std::size_t count, std::uint64_t seed) {
+    // xorshift: an hour of samples in a fraction of a second.
+    std::vector<float> out(count);
+    std::uint64_t x = seed | 1;
+    for (auto& v : out) {
+        x ^= x << 13;
+        x ^= x >> 7;
+        x ^= x << 17;
+        v = static_cast<float>(x >> 40) / static_cast<float>(1 << 24) - 0.5f;
+    }
+    return out;
+}
+
+const std::vector<float>& hourOfAudio() {
+    static const auto pcm = noise(static_cast<std::size_t>(16000 * kHour), 7);
+    return pcm;
+}
+
+int referenceFrames(int minutes) {
+    return minutes * 60 * 25;
+}
+
+unsigned searchLog2n(int minutes) {
+    return static_cast<unsigned>(
+        std::countr_zero(std::bit_ceil(std::size_t(referenceFrames(minutes) + kClipFrames - 1))));
+}
+
+SpectralBands::Feature randomFeature(int frames, std::uint64_t seed) {
+    SpectralBands::Feature::Bands bands;
+    for (int b = 0; b < 8; ++b) {
+        bands.push_back(noise(std::size_t(frames), seed + std::uint64_t(b)));
+    }
+    return SpectralBands::Feature(std::move(bands), frames);
+}
+
+void computeHour(benchmark::State& state) {
+    const auto& pcm = hourOfAudio();
+    for (auto _ : state) {
+        auto feature = SpectralBands::compute(pcm);
+        benchmark::DoNotOptimize(feature);
+    }
+}
+
+void peaksAgainstReference(benchmark::State& state) {
+    const int minutes = static_cast<int>(state.range(0));
+    const auto ref = randomFeature(referenceFrames(minutes), 100 + std::uint64_t(minutes));
+    // Different clips in turn, each cut from somewhere in the reference.
+    std::vector<SpectralBands::Feature> clips;
+    for (int i = 0; i < kClipCount; ++i) {
+        const double start = (ref.frames - kClipFrames) / 25.0 * i / kClipCount;
+        clips.push_back(*SpectralBands::slice(ref, start, kClipFrames / 25.0));
+    }
+    const double bound = std::numeric_limits<double>::max();
+    benchmark::DoNotOptimize(SpectralBands::peaks(clips[0], ref, -bound, bound, 8.0, 1, 0.5));
+    std::size_t i = 0;
+    for (auto _ : state) {
+        auto found = SpectralBands::peaks(clips[i++ % kClipCount], ref, -bound, bound, 8.0, 1, 0.5);
+        benchmark::DoNotOptimize(found);
+    }
+}
+
+void forwardTransform(benchmark::State& state) {
+    const auto log2n = static_cast<unsigned>(state.range(0));
+    const auto* setup = SyncCorrelator::sharedFFTSetup(log2n);
+    Fft::RealBuffer in(setup->size());
+    const auto values = noise(setup->size(), 3);
+    std::copy(values.begin(), values.end(), in.begin());
+    Fft::ComplexBuffer out(setup->spectrumSize());
+    for (auto _ : state) {
+        setup->forward(in, out);
+        benchmark::DoNotOptimize(out.data());
+        benchmark::ClobberMemory();
+    }
+}
+
+BENCHMARK(computeHour)->Unit(benchmark::kMillisecond)->Repetitions(3);
+BENCHMARK(peaksAgainstReference)
+    ->Arg(10)
+    ->Arg(60)
+    ->Arg(180)
+    ->Unit(benchmark::kMicrosecond)
+    ->Repetitions(3);
+BENCHMARK(forwardTransform)
+    ->Arg(searchLog2n(10))
+    ->Arg(searchLog2n(60))
+    ->Arg(searchLog2n(180))
+    ->Unit(benchmark::kMicrosecond)
+    ->Repetitions(3);
+
+// Keeps, for each benchmark, the least CPU time per iteration among its repetitions: other work
+// on the machine only ever makes a run slower.
+class BestTimes : public benchmark::ConsoleReporter {
+public:
+    void ReportRuns(const std::vector<Run>& runs) override {
+        for (const auto& run : runs) {
+            if (run.run_type != Run::RT_Iteration || run.error_occurred || run.iterations == 0) {
+                continue;
+            }
+            const double seconds = run.cpu_accumulated_time / double(run.iterations);
+            auto name = run.run_name.function_name;
+            if (!run.run_name.args.empty()) {
+                name += "/" + run.run_name.args;
+            }
+            auto [entry, added] = best.emplace(name, seconds);
+            if (!added) {
+                entry->second = std::min(entry->second, seconds);
+            }
+        }
+        ConsoleReporter::ReportRuns(runs);
+    }
+
+    std::map<std::string, double> best;
+};
+
+} // namespace
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    BestTimes reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+
+    const auto& best = reporter.best;
+    if (best.count("computeHour")) {
+        std::printf("compute_realtime_factor=%.0f\n", kHour / best.at("computeHour"));
+    }
+    for (const auto& [minutes, label] :
+         {std::pair{10, "10min"}, std::pair{60, "1h"}, std::pair{180, "3h"}}) {
+        const auto peaks = "peaksAgainstReference/" + std::to_string(minutes);
+        const auto fft = "forwardTransform/" + std::to_string(searchLog2n(minutes));
+        if (best.count(peaks) && best.count(fft)) {
+            std::printf("peaks_fft_equivalents_%s=%.2f\n", label, best.at(peaks) / best.at(fft));
+        }
+    }
+    return 0;
+}
