@@ -197,33 +197,41 @@ LagValues correlateWhole(const Feature& clip, const Feature& ref, const Fft::Set
     return values;
 }
 
-// A reference cut into overlapping blocks for overlap-save correlation against clips of at most
-// half a block: block j holds the reference from (j - 1) * hop on for a whole block (zeros outside
-// the reference), hop being half a block. Correlated circularly with such a clip, block j gives
-// the exact lags (j - 1) * hop ... j * hop - 1. Made once, by whichever caller gets there first;
-// read-only afterwards.
+// A reference cut into overlapping blocks for overlap-save correlation against clips of up to
+// size - hop + 1 frames: block j holds `size` frames of the reference from (j - 1) * hop on (zeros
+// outside the reference). Correlated circularly with such a clip, block j gives the exact lags
+// (j - 1) * hop ... j * hop - 1. Made once, by whichever caller gets there first; read-only
+// afterwards.
 struct BlockSpectra {
     std::once_flag made;
-    std::size_t blockSize = 0;
-    std::size_t hop = 0;
     std::size_t blocks = 0;
-    std::size_t bins = 0;
     // Split form for the multiply-accumulate loop: per band, block j's real parts start at
     // 2 j stride and its imaginary parts at (2 j + 1) stride.
     std::size_t stride = 0;
     std::vector<std::vector<float>> blockSpectra;
-    // Per band, the (real) spectrum of its autocorrelation at lags -hop ... hop, laid out on the
-    // circle of one block. With it a clip band's correlation energy over all lags is one dot
-    // product with the clip's power spectrum.
+    // Per band, the (real) spectrum of its autocorrelation at lags -(size - hop) ... size - hop,
+    // laid out on the circle of one block. With it a clip band's correlation energy over all lags
+    // is one dot product with the clip's power spectrum.
     std::vector<std::vector<float>> autocorrelationSpectra;
+};
+
+struct BlockLayout {
+    std::size_t size;
+    std::size_t hop;
 };
 
 constexpr std::size_t kMinBlockSize = 2048;
 // Fewer blocks than this, and one whole-length correlation costs less than making the blocks.
 constexpr std::size_t kMinBlocks = 4;
 
-std::size_t blockSizeFor(int clipFrames) {
-    return std::max(kMinBlockSize, std::bit_ceil(2 * static_cast<std::size_t>(clipFrames)));
+// Blocks of at least twice the clip, so that the clip's autocorrelation fits one without wrapping
+// round. The hop is as long as the clip allows, in sixteenths of a block, so that clips of similar
+// lengths share one layout of a reference.
+BlockLayout blockLayoutFor(int clipFrames) {
+    const auto clip = static_cast<std::size_t>(clipFrames);
+    const std::size_t size = std::max(kMinBlockSize, std::bit_ceil(2 * clip));
+    const std::size_t step = size / 16;
+    return {size, size / 2 + (size / 2 + 1 - clip) / step * step};
 }
 
 std::size_t blockCount(int refFrames, std::size_t hop) {
@@ -234,98 +242,137 @@ std::size_t splitStride(std::size_t bins) {
     return (bins + 15) / 16 * 16;
 }
 
-std::size_t blockSpectraBytes(std::size_t bandCount, std::size_t blockSize, int refFrames) {
-    const std::size_t bins = blockSize / 2 + 1;
-    const std::size_t blocks = blockCount(refFrames, blockSize / 2);
-    return bandCount * (blocks * 2 * splitStride(bins) + bins) * sizeof(float);
+std::size_t blockSpectraBytes(std::size_t bandCount, BlockLayout layout, int refFrames) {
+    const std::size_t bins = layout.size / 2 + 1;
+    return bandCount * (blockCount(refFrames, layout.hop) * 2 * splitStride(bins) + bins) *
+           sizeof(float);
 }
 
-void makeBlockSpectra(BlockSpectra& out, const Feature& ref, const Fft::Setup& setup) {
-    const std::size_t size = setup.size();
-    const std::size_t hop = size / 2;
+void makeBlockSpectra(BlockSpectra& out, const Feature& ref, BlockLayout layout,
+                      const Fft::Setup& setup) {
+    const std::size_t size = layout.size;
+    const std::size_t hop = layout.hop;
+    const std::size_t reach = size - hop;
     const std::size_t bins = setup.spectrumSize();
     const std::size_t blocks = blockCount(ref.frames, hop);
     const std::size_t stride = splitStride(bins);
-    const auto frames = static_cast<std::size_t>(ref.frames);
+    const auto frames = static_cast<std::int64_t>(ref.frames);
 
     std::vector<std::vector<float>> blockSpectra;
     std::vector<std::vector<float>> autocorrelationSpectra;
-    Fft::RealBuffer half(size);
-    Fft::RealBuffer lags(size);
-    Fft::ComplexBuffer current(bins);
-    Fft::ComplexBuffer next(bins);
+    Fft::RealBuffer segment(size);
+    Fft::ComplexBuffer whole(bins);
+    Fft::ComplexBuffer head(bins);
     Fft::ComplexBuffer cross(bins);
     for (std::size_t i = 0; i < ref.bandCount(); ++i) {
         const auto& band = ref.band(i);
-        // Spectrum of half-block h: the reference from (h - 1) * hop on for one hop, zero-padded
-        // to a block. Block j is half-block j plus half-block j + 1 moved by one hop, which turns
-        // into a sign of (-1)^m on bin m: one transform per hop instead of one per block.
-        auto halfSpectrum = [&](std::size_t h, Fft::ComplexBuffer& spectrum) {
-            if (h == 0 || (h - 1) * hop >= frames) {
-                std::fill(spectrum.begin(), spectrum.end(), std::complex<float>());
-                return;
+        // Loads `count` frames of the reference from `from` on, zeros outside it and after them.
+        auto load = [&](std::int64_t from, std::size_t count) {
+            std::fill(segment.begin(), segment.end(), 0.0f);
+            const std::int64_t first = std::max<std::int64_t>(from, 0);
+            const std::int64_t last = std::min(from + static_cast<std::int64_t>(count), frames);
+            if (first < last) {
+                std::copy(band.begin() + first, band.begin() + last,
+                          segment.begin() + (first - from));
             }
-            const std::size_t from = (h - 1) * hop;
-            const std::size_t count = std::min(hop, frames - from);
-            std::copy_n(band.begin() + std::ptrdiff_t(from), count, half.begin());
-            std::fill(half.begin() + std::ptrdiff_t(count), half.begin() + std::ptrdiff_t(hop),
-                      0.0f);
-            setup.forward(half, spectrum);
         };
         std::vector<float> split(blocks * 2 * stride, 0.0f);
         std::fill(cross.begin(), cross.end(), std::complex<float>());
-        halfSpectrum(0, current);
         for (std::size_t j = 0; j < blocks; ++j) {
-            halfSpectrum(j + 1, next);
+            const auto from = (static_cast<std::int64_t>(j) - 1) * static_cast<std::int64_t>(hop);
+            load(from, size);
+            setup.forward(segment, whole);
             float* re = split.data() + 2 * j * stride;
             float* im = re + stride;
             for (std::size_t m = 0; m < bins; ++m) {
-                const std::complex<float> f = current[m];
-                const std::complex<float> g = m % 2 ? -next[m] : next[m];
-                const float br = f.real() + g.real(), bi = f.imag() + g.imag();
-                re[m] = br;
-                im[m] = bi;
-                // Block j against its own first half sums, over all blocks, to the reference's
-                // autocorrelation at lags 0 ... hop.
-                cross[m] += std::complex<float>(br * f.real() + bi * f.imag(),
-                                                bi * f.real() - br * f.imag());
+                re[m] = whole[m].real();
+                im[m] = whole[m].imag();
             }
-            std::swap(current, next);
+            // Each block against its own first hop sums, over all blocks, to the reference's
+            // autocorrelation at lags 0 ... reach: every frame starts exactly one such product.
+            if (from + static_cast<std::int64_t>(hop) <= 0) {
+                continue;
+            }
+            load(from, hop);
+            setup.forward(segment, head);
+            for (std::size_t m = 0; m < bins; ++m) {
+                const float wr = whole[m].real(), wi = whole[m].imag();
+                const float hr = head[m].real(), hi = head[m].imag();
+                cross[m] += std::complex<float>(wr * hr + wi * hi, wi * hr - wr * hi);
+            }
         }
-        setup.inverse(cross, lags);
+        setup.inverse(cross, segment);
         const float scale = 1.0f / static_cast<float>(size);
-        for (std::size_t d = 0; d <= hop; ++d) {
-            lags[d] *= scale;
+        for (std::size_t d = 0; d <= reach; ++d) {
+            segment[d] *= scale;
         }
-        for (std::size_t d = 1; d < hop; ++d) {
-            lags[size - d] = lags[d];
+        for (std::size_t t = reach + 1; t < size - reach; ++t) {
+            segment[t] = 0.0f;
         }
-        setup.forward(lags, current);
+        for (std::size_t d = 1; d <= reach && d < size - reach; ++d) {
+            segment[size - d] = segment[d];
+        }
+        setup.forward(segment, whole);
         std::vector<float> autocorrelation(bins);
         for (std::size_t m = 0; m < bins; ++m) {
-            autocorrelation[m] = current[m].real();
+            autocorrelation[m] = whole[m].real();
         }
         blockSpectra.push_back(std::move(split));
         autocorrelationSpectra.push_back(std::move(autocorrelation));
     }
-    out.blockSize = size;
-    out.hop = hop;
     out.blocks = blocks;
-    out.bins = bins;
     out.stride = stride;
     // Assigned whole at the end: if making them fails, the next caller starts from nothing.
     out.blockSpectra = std::move(blockSpectra);
     out.autocorrelationSpectra = std::move(autocorrelationSpectra);
 }
 
+// The innermost loops of the block search, on arrays that never overlap. Saying so lets the
+// compiler vectorise them; they are kept out of line, since once inlined the promise is forgotten.
+
+// sum (+)= x * w, bin by bin, on split complex arrays: set on the first band, added on the others.
+[[gnu::noinline]] void multiplyAccumulate(std::size_t bins, bool first, const float* __restrict xRe,
+                                          const float* __restrict xIm, const float* __restrict wRe,
+                                          const float* __restrict wIm, float* __restrict sumRe,
+                                          float* __restrict sumIm) {
+    if (first) {
+        for (std::size_t m = 0; m < bins; ++m) {
+            sumRe[m] = xRe[m] * wRe[m] - xIm[m] * wIm[m];
+            sumIm[m] = xRe[m] * wIm[m] + xIm[m] * wRe[m];
+        }
+        return;
+    }
+    for (std::size_t m = 0; m < bins; ++m) {
+        sumRe[m] += xRe[m] * wRe[m] - xIm[m] * wIm[m];
+        sumIm[m] += xRe[m] * wIm[m] + xIm[m] * wRe[m];
+    }
+}
+
+// The conjugate of an interleaved spectrum, scaled, in split form.
+[[gnu::noinline]] void splitConjugate(std::size_t bins, const float* __restrict in, float scale,
+                                      float* __restrict re, float* __restrict im) {
+    for (std::size_t m = 0; m < bins; ++m) {
+        re[m] = in[2 * m] * scale;
+        im[m] = -in[2 * m + 1] * scale;
+    }
+}
+
+[[gnu::noinline]] void interleave(std::size_t bins, const float* __restrict re,
+                                  const float* __restrict im, float* __restrict out) {
+    for (std::size_t m = 0; m < bins; ++m) {
+        out[2 * m] = re[m];
+        out[2 * m + 1] = im[m];
+    }
+}
+
 // Only lags first ... last are made, one inverse transform of a block per hop of them, from the
 // reference's kept block spectra. Needs every band to hold exactly `frames` values.
 LagValues correlateInBlocks(const Feature& clip, const Feature& ref, const BlockSpectra& spectra,
-                            const Fft::Setup& setup, std::size_t size, std::int64_t first,
-                            std::int64_t last) {
-    const std::size_t block = spectra.blockSize;
-    const auto hop = static_cast<std::int64_t>(spectra.hop);
-    const std::size_t bins = spectra.bins;
+                            BlockLayout layout, const Fft::Setup& setup, std::size_t size,
+                            std::int64_t first, std::int64_t last) {
+    const std::size_t block = layout.size;
+    const auto hop = static_cast<std::int64_t>(layout.hop);
+    const std::size_t bins = setup.spectrumSize();
     const std::int64_t nc = clip.frames;
     const std::int64_t nr = ref.frames;
 
@@ -354,10 +401,10 @@ LagValues correlateInBlocks(const Feature& clip, const Feature& ref, const Block
         // Folds 1/rms, the correlation's factor 2 and the inverse transform's missing 1/block
         // into the conjugated clip spectrum.
         const auto scale = static_cast<float>(2.0 / (static_cast<double>(block) * rms));
-        for (std::size_t m = 0; m < bins; ++m) {
-            weightedRe.push_back(c[2 * m] * scale);
-            weightedIm.push_back(-c[2 * m + 1] * scale);
-        }
+        weightedRe.resize(weightedRe.size() + bins);
+        weightedIm.resize(weightedIm.size() + bins);
+        splitConjugate(bins, c, scale, weightedRe.data() + used.size() * bins,
+                       weightedIm.data() + used.size() * bins);
         used.push_back(i);
         directWeights.push_back(static_cast<float>(2.0 / rms));
     }
@@ -373,24 +420,14 @@ LagValues correlateInBlocks(const Feature& clip, const Feature& ref, const Block
         std::vector<float> sumIm(bins);
         Fft::ComplexBuffer sum(bins);
         for (std::int64_t j = (reachFirst + hop) / hop; j <= (reachLast + hop) / hop; ++j) {
-            std::fill(sumRe.begin(), sumRe.end(), 0.0f);
-            std::fill(sumIm.begin(), sumIm.end(), 0.0f);
             for (std::size_t u = 0; u < used.size(); ++u) {
-                const float* rRe =
-                    spectra.blockSpectra[used[u]].data() + 2 * std::size_t(j) * spectra.stride;
-                const float* rIm = rRe + spectra.stride;
-                const float* wRe = weightedRe.data() + u * bins;
-                const float* wIm = weightedIm.data() + u * bins;
-                float* sRe = sumRe.data();
-                float* sIm = sumIm.data();
-                for (std::size_t m = 0; m < bins; ++m) {
-                    sRe[m] += rRe[m] * wRe[m] - rIm[m] * wIm[m];
-                    sIm[m] += rRe[m] * wIm[m] + rIm[m] * wRe[m];
-                }
+                const float* re = spectra.blockSpectra[used[u]].data() +
+                                  2 * static_cast<std::size_t>(j) * spectra.stride;
+                multiplyAccumulate(bins, u == 0, re, re + spectra.stride,
+                                   weightedRe.data() + u * bins, weightedIm.data() + u * bins,
+                                   sumRe.data(), sumIm.data());
             }
-            for (std::size_t m = 0; m < bins; ++m) {
-                sum[m] = {sumRe[m], sumIm[m]};
-            }
+            interleave(bins, sumRe.data(), sumIm.data(), reinterpret_cast<float*>(sum.data()));
             setup.inverse(sum, padded);
             const std::int64_t start = (j - 1) * hop;
             for (std::int64_t lag = std::max(reachFirst, start);
@@ -423,16 +460,15 @@ LagValues correlateInBlocks(const Feature& clip, const Feature& ref, const Block
     return values;
 }
 
-// The references' block spectra, keyed by band storage and block size, least recently used first
+// The references' block spectra, keyed by band storage and block layout, least recently used first
 // out. An entry only watches its feature (weak ownership), so a dead feature's address cannot be
 // mistaken for a new one's while the entry exists.
 class SpectrumCache {
 public:
-    // The block spectra for `ref` at `blockSize`, shared with the table; they may still need
+    // The block spectra for `ref` in `layout`, shared with the table; they may still need
     // making (see BlockSpectra::made). Nothing when they would not fit in the budget.
-    std::shared_ptr<BlockSpectra> find(const Feature& ref, std::size_t blockSize,
-                                       std::size_t bytes) {
-        const Key key{ref.bands.get(), blockSize};
+    std::shared_ptr<BlockSpectra> find(const Feature& ref, BlockLayout layout, std::size_t bytes) {
+        const Key key{ref.bands.get(), layout.size, layout.hop};
         std::lock_guard<std::mutex> guard(lock_);
         if (auto found = index_.find(key); found != index_.end()) {
             if (!found->second->owner.expired()) {
@@ -476,11 +512,13 @@ private:
     struct Key {
         const Feature::Bands* bands;
         std::size_t blockSize;
+        std::size_t hop;
         bool operator==(const Key&) const = default;
     };
     struct KeyHash {
         std::size_t operator()(const Key& k) const {
-            return std::hash<const void*>()(k.bands) ^ (k.blockSize * 0x9e3779b97f4a7c15ull);
+            return std::hash<const void*>()(k.bands) ^
+                   ((k.blockSize * 31 + k.hop) * 0x9e3779b97f4a7c15ull);
         }
     };
     struct Entry {
@@ -530,19 +568,19 @@ bool bandsHoldFrames(const Feature& f) {
 
 LagValues summedCorrelation(const Feature& clip, const Feature& ref, std::size_t size,
                             std::int64_t first, std::int64_t last) {
-    const std::size_t block = blockSizeFor(clip.frames);
-    if (block <= (std::size_t{1} << SyncCorrelator::kMaxLog2n) &&
-        blockCount(ref.frames, block / 2) >= kMinBlocks && bandsHoldFrames(clip) &&
+    const BlockLayout layout = blockLayoutFor(clip.frames);
+    if (layout.size <= (std::size_t{1} << SyncCorrelator::kMaxLog2n) &&
+        blockCount(ref.frames, layout.hop) >= kMinBlocks && bandsHoldFrames(clip) &&
         bandsHoldFrames(ref)) {
         const auto* setup =
-            SyncCorrelator::sharedFFTSetup(static_cast<unsigned>(std::countr_zero(block)));
+            SyncCorrelator::sharedFFTSetup(static_cast<unsigned>(std::countr_zero(layout.size)));
         auto spectra =
-            setup ? spectrumCache().find(ref, block,
-                                         blockSpectraBytes(ref.bandCount(), block, ref.frames))
+            setup ? spectrumCache().find(ref, layout,
+                                         blockSpectraBytes(ref.bandCount(), layout, ref.frames))
                   : nullptr;
         if (spectra) {
-            std::call_once(spectra->made, [&] { makeBlockSpectra(*spectra, ref, *setup); });
-            return correlateInBlocks(clip, ref, *spectra, *setup, size, first, last);
+            std::call_once(spectra->made, [&] { makeBlockSpectra(*spectra, ref, layout, *setup); });
+            return correlateInBlocks(clip, ref, *spectra, layout, *setup, size, first, last);
         }
     }
     const auto* setup =
@@ -591,12 +629,18 @@ std::vector<Peak> searchPeaks(const std::vector<float>& values, std::int64_t fir
     struct Candidate {
         float score;
         std::int64_t lag;
+        float value;
     };
-    std::vector<Candidate> candidates(found);
-    for (std::size_t c = 0; c < found; ++c) {
-        candidates[c] = {static_cast<float>((v[at[c]] - mean) / spread),
-                         firstLag + static_cast<std::int64_t>(at[c])};
-    }
+    auto candidate = [&](std::size_t c) {
+        const std::size_t k = at[c];
+        return Candidate{static_cast<float>((v[k] - mean) / spread),
+                         firstLag + static_cast<std::int64_t>(k), v[k]};
+    };
+    // A stable sort by score, best first: equal scores keep ascending lag, which is the only
+    // tie-break a strict order needs since lags are distinct.
+    auto before = [](const Candidate& x, const Candidate& y) {
+        return x.score > y.score || (x.score == y.score && x.lag < y.lag);
+    };
 
     double separation = std::round(minSeparationSec * kFrameRate);
     if (!(separation >= 1)) {
@@ -604,35 +648,65 @@ std::vector<Peak> searchPeaks(const std::vector<float>& values, std::int64_t fir
     }
     // Searched lags differ by less than 2^33, so a larger separation is as good as infinite.
     const auto apart = static_cast<std::int64_t>(std::min(separation, 0x1p40));
-
-    // A stable sort by score, best first: equal scores keep ascending lag, which is the only
-    // tie-break a strict order needs since lags are distinct.
-    auto before = [](const Candidate& x, const Candidate& y) {
-        return x.score > y.score || (x.score == y.score && x.lag < y.lag);
-    };
     std::vector<Peak> accepted;
     std::set<std::int64_t> acceptedLags;
-    // Usually only the best few candidates are looked at; sort further only when separation has
-    // dropped them all before topK were accepted.
-    std::size_t walked = 0;
-    std::size_t sorted =
-        std::min(candidates.size(), std::max<std::size_t>(64, 4 * static_cast<std::size_t>(topK)));
-    while (walked < candidates.size()) {
-        std::partial_sort(candidates.begin() + std::ptrdiff_t(walked),
-                          candidates.begin() + std::ptrdiff_t(sorted), candidates.end(), before);
-        for (; walked < sorted; ++walked) {
-            const auto& c = candidates[walked];
-            auto near = acceptedLags.lower_bound(c.lag - apart + 1);
-            if (near != acceptedLags.end() && *near < c.lag + apart) {
-                continue;
-            }
+    // Takes the next candidate in order; true once topK are accepted.
+    auto offer = [&](const Candidate& c) {
+        auto near = acceptedLags.lower_bound(c.lag - apart + 1);
+        if (near == acceptedLags.end() || *near >= c.lag + apart) {
             acceptedLags.insert(c.lag);
             accepted.push_back({static_cast<double>(c.lag) / kFrameRate, c.score});
-            if (accepted.size() == static_cast<std::size_t>(topK)) {
+        }
+        return accepted.size() == static_cast<std::size_t>(topK);
+    };
+
+    // Usually the best few candidates are all that separation needs. They are found in one pass
+    // that scores only what can still enter: scores never fall as values rise, and a later
+    // candidate loses a tie, so one below the value of the worst kept cannot displace it.
+    const std::size_t keep = std::max<std::size_t>(64, 4 * static_cast<std::size_t>(topK));
+    if (keep < found) {
+        std::vector<Candidate> best;
+        best.reserve(keep);
+        for (std::size_t c = 0; c < found; ++c) {
+            if (best.size() == keep && v[at[c]] < best.front().value) {
+                continue;
+            }
+            const Candidate next = candidate(c);
+            if (best.size() < keep) {
+                best.push_back(next);
+                std::push_heap(best.begin(), best.end(), before);
+            } else if (before(next, best.front())) {
+                std::pop_heap(best.begin(), best.end(), before);
+                best.back() = next;
+                std::push_heap(best.begin(), best.end(), before);
+            }
+        }
+        std::sort_heap(best.begin(), best.end(), before);
+        for (const auto& c : best) {
+            if (offer(c)) {
                 return accepted;
             }
         }
-        sorted = std::min(candidates.size(), sorted * 2);
+        accepted.clear();
+        acceptedLags.clear();
+    }
+
+    // Otherwise all of them, sorted a growing part at a time.
+    std::vector<Candidate> candidates(found);
+    for (std::size_t c = 0; c < found; ++c) {
+        candidates[c] = candidate(c);
+    }
+    std::size_t walked = 0;
+    std::size_t sorted = std::min(found, keep);
+    while (walked < found) {
+        std::partial_sort(candidates.begin() + std::ptrdiff_t(walked),
+                          candidates.begin() + std::ptrdiff_t(sorted), candidates.end(), before);
+        for (; walked < sorted; ++walked) {
+            if (offer(candidates[walked])) {
+                return accepted;
+            }
+        }
+        sorted = std::min(found, sorted * 2);
     }
     return accepted;
 }
