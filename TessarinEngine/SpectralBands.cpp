@@ -591,6 +591,24 @@ LagValues summedCorrelation(const Feature& clip, const Feature& ref, std::size_t
     return correlateWhole(clip, ref, *setup, first, last);
 }
 
+// The largest of `count` values, in lanes the compiler can vectorise.
+float spanMaximum(const float* values, std::size_t count) {
+    constexpr std::size_t kLanes = 8;
+    float lanes[kLanes];
+    std::fill_n(lanes, kLanes, kNoNeighbour);
+    std::size_t k = 0;
+    for (; k + kLanes <= count; k += kLanes) {
+        for (std::size_t l = 0; l < kLanes; ++l) {
+            lanes[l] = lanes[l] < values[k + l] ? values[k + l] : lanes[l];
+        }
+    }
+    float most = *std::max_element(lanes, lanes + kLanes);
+    for (; k < count; ++k) {
+        most = std::max(most, values[k]);
+    }
+    return most;
+}
+
 // Steps through the searched lags: z-scores over them, local maxima (ties included, the range's
 // ends against a missing neighbour), best first, separated, at most topK.
 std::vector<Peak> searchPeaks(const std::vector<float>& values, std::int64_t firstLag, int topK,
@@ -608,31 +626,17 @@ std::vector<Peak> searchPeaks(const std::vector<float>& values, std::int64_t fir
         return {};
     }
 
-    // Branch-free: about a third of the lags of a noisy sum are local maxima, at random.
-    std::vector<std::uint32_t> at(count);
-    std::size_t found = 0;
     auto isPeak = [&](std::size_t k) {
         const float left = k > 0 ? v[k - 1] : kNoNeighbour;
         const float right = k + 1 < count ? v[k + 1] : kNoNeighbour;
         return left <= v[k] && right <= v[k];
     };
-    at[found] = 0;
-    found += isPeak(0);
-    for (std::size_t k = 1; k + 1 < count; ++k) {
-        at[found] = static_cast<std::uint32_t>(k);
-        found += (v[k - 1] <= v[k]) & (v[k + 1] <= v[k]);
-    }
-    if (count > 1) {
-        at[found] = static_cast<std::uint32_t>(count - 1);
-        found += isPeak(count - 1);
-    }
     struct Candidate {
         float score;
         std::int64_t lag;
         float value;
     };
-    auto candidate = [&](std::size_t c) {
-        const std::size_t k = at[c];
+    auto candidate = [&](std::size_t k) {
         return Candidate{static_cast<float>((v[k] - mean) / spread),
                          firstLag + static_cast<std::int64_t>(k), v[k]};
     };
@@ -661,17 +665,23 @@ std::vector<Peak> searchPeaks(const std::vector<float>& values, std::int64_t fir
     };
 
     // Usually the best few candidates are all that separation needs. They are found in one pass
-    // that scores only what can still enter: scores never fall as values rise, and a later
-    // candidate loses a tie, so one below the value of the worst kept cannot displace it.
+    // that looks closely only at what can still enter: scores never fall as values rise, and a
+    // later lag loses a tie, so nothing below the value of the worst kept candidate can displace
+    // it, and a whole span of lags below it is passed over at once.
     const std::size_t keep = std::max<std::size_t>(64, 4 * static_cast<std::size_t>(topK));
-    if (keep < found) {
-        std::vector<Candidate> best;
-        best.reserve(keep);
-        for (std::size_t c = 0; c < found; ++c) {
-            if (best.size() == keep && v[at[c]] < best.front().value) {
+    constexpr std::size_t kSpan = 64;
+    std::vector<Candidate> best;
+    best.reserve(keep);
+    for (std::size_t from = 0; from < count; from += kSpan) {
+        const std::size_t to = std::min(count, from + kSpan);
+        if (best.size() == keep && spanMaximum(v + from, to - from) < best.front().value) {
+            continue;
+        }
+        for (std::size_t k = from; k < to; ++k) {
+            if ((best.size() == keep && v[k] < best.front().value) || !isPeak(k)) {
                 continue;
             }
-            const Candidate next = candidate(c);
+            const Candidate next = candidate(k);
             if (best.size() < keep) {
                 best.push_back(next);
                 std::push_heap(best.begin(), best.end(), before);
@@ -681,24 +691,30 @@ std::vector<Peak> searchPeaks(const std::vector<float>& values, std::int64_t fir
                 std::push_heap(best.begin(), best.end(), before);
             }
         }
-        std::sort_heap(best.begin(), best.end(), before);
-        for (const auto& c : best) {
-            if (offer(c)) {
-                return accepted;
-            }
+    }
+    const bool everyCandidate = best.size() < keep;
+    std::sort_heap(best.begin(), best.end(), before);
+    for (const auto& c : best) {
+        if (offer(c)) {
+            return accepted;
         }
-        accepted.clear();
-        acceptedLags.clear();
+    }
+    if (everyCandidate) {
+        return accepted;
     }
 
-    // Otherwise all of them, sorted a growing part at a time.
-    std::vector<Candidate> candidates(found);
-    for (std::size_t c = 0; c < found; ++c) {
-        candidates[c] = candidate(c);
+    // Separation dropped too many: all candidates, sorted a growing part at a time.
+    accepted.clear();
+    acceptedLags.clear();
+    std::vector<Candidate> candidates;
+    for (std::size_t k = 0; k < count; ++k) {
+        if (isPeak(k)) {
+            candidates.push_back(candidate(k));
+        }
     }
     std::size_t walked = 0;
-    std::size_t sorted = std::min(found, keep);
-    while (walked < found) {
+    std::size_t sorted = std::min(candidates.size(), keep);
+    while (walked < candidates.size()) {
         std::partial_sort(candidates.begin() + std::ptrdiff_t(walked),
                           candidates.begin() + std::ptrdiff_t(sorted), candidates.end(), before);
         for (; walked < sorted; ++walked) {
@@ -706,7 +722,7 @@ std::vector<Peak> searchPeaks(const std::vector<float>& values, std::int64_t fir
                 return accepted;
             }
         }
-        sorted = std::min(found, sorted * 2);
+        sorted = std::min(candidates.size(), sorted * 2);
     }
     return accepted;
 }

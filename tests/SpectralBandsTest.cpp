@@ -499,6 +499,17 @@ TEST(SpectralBands, PickPeaksTiesEndsAndSeparation) {
     EXPECT_TRUE(SpectralBands::pickPeaks(std::vector<float>(16, 2.5f), 0, 15, 1, 0.04).empty())
         << "no spread";
 
+    // A hill of a hundred local maxima outranks everything else; with a wide separation only its
+    // top survives, and the next peak has to come from far beyond the best hundred candidates.
+    std::vector<float> hill(1000);
+    for (std::size_t k = 0; k < hill.size(); ++k) {
+        hill[k] = 0.001f * float(k % 7);
+        if (k >= 100 && k < 300) {
+            hill[k] = 10.0f + (k % 2 ? 0.5f : 0.0f) + 0.001f * float(k);
+        }
+    }
+    EXPECT_EQ(lags(SpectralBands::pickPeaks(hill, 0, 999, 2, 20.0)), (std::vector<long>{299, 804}));
+
     // A flat top: every lag of it is a candidate, scored alike.
     std::vector<float> plateau(32, 0.0f);
     plateau[5] = plateau[6] = plateau[7] = 1.0f;
