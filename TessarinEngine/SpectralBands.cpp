@@ -385,8 +385,9 @@ LagValues correlateInBlocks(const Feature& clip, const Feature& ref, const Block
     for (std::size_t i = 0; i < clip.bandCount(); ++i) {
         std::copy(clip.band(i).begin(), clip.band(i).end(), padded.begin());
         setup.forward(padded, spectrum);
-        // The band's correlation energy over all lags is the sum over lags d of the two
-        // autocorrelations' product; the clip's is zero beyond |d| < nc <= hop.
+        // The band's correlation energy over all lags is the sum over lags d of the product of
+        // the two autocorrelations. The clip's vanishes from |d| = nc on, inside the lags the
+        // reference's kept autocorrelation covers, so one dot product of spectra gives it.
         const float* c = reinterpret_cast<const float*>(spectrum.data());
         const float* a = spectra.autocorrelationSpectra[i].data();
         auto term = [&](std::size_t m) {

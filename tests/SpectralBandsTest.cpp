@@ -272,17 +272,6 @@ TEST(SpectralBands, SilenceGivesZeroBandsAndNoMatch) {
     const auto clip = SpectralBands::slice(silent, 3.0, 10.0);
     ASSERT_TRUE(clip.has_value());
     EXPECT_TRUE(SpectralBands::peaks(*clip, silent, -kInf, kInf, 1.0, 3, 0.5).empty());
-
-    // One live band is enough for a match; the silent ones are left out, not divided by zero.
-    std::mt19937 rng(8);
-    auto bands = *silent.bands;
-    bands[5] = randomFeature(499, rng).band(0);
-    const Feature oneBand(bands, 499);
-    const auto window = SpectralBands::slice(oneBand, 4.0, 8.0);
-    ASSERT_TRUE(window.has_value());
-    const auto found = SpectralBands::peaks(*window, oneBand, -kInf, kInf, 1.0, 1, 0.5);
-    ASSERT_EQ(found.size(), 1u);
-    EXPECT_EQ(found[0].offsetSeconds, 4.0);
 }
 
 TEST(SpectralBands, SliceRoundsHalvesAwayFromZeroAndRenormalises) {
@@ -324,19 +313,17 @@ TEST(SpectralBands, SliceRoundsHalvesAwayFromZeroAndRenormalises) {
     }
     Feature::Bands seven(bands.begin(), bands.begin() + 7);
     EXPECT_FALSE(SpectralBands::slice(Feature(seven, 100), 0.0, 1.0).has_value());
-}
 
-TEST(SpectralBands, SliceOfFlatBandStaysZeroAndTwoLevelsBecomeUnit) {
-    Feature::Bands bands(8, std::vector<float>(40, 0.37f));
-    for (std::size_t t = 0; t < 40; ++t) {
+    // A flat band stays all zeros, unscaled; two alternating levels become -1 and 1.
+    for (std::size_t t = 0; t < 100; ++t) {
+        bands[0][t] = 0.37f;
         bands[1][t] = t % 2 ? 3.0f : 1.0f;
     }
-    const auto s = SpectralBands::slice(Feature(bands, 40), 0.2, 0.96);
-    ASSERT_TRUE(s.has_value());
-    ASSERT_EQ(s->frames, 24);
+    const auto flat = SpectralBands::slice(Feature(bands, 100), 0.2, 0.96);
+    ASSERT_TRUE(flat.has_value());
     for (std::size_t t = 0; t < 24; ++t) {
-        EXPECT_EQ(s->band(0)[t], 0.0f) << t;
-        EXPECT_FLOAT_EQ(s->band(1)[t], t % 2 ? -1.0f : 1.0f) << t;
+        EXPECT_EQ(flat->band(0)[t], 0.0f) << t;
+        EXPECT_FLOAT_EQ(flat->band(1)[t], t % 2 ? -1.0f : 1.0f) << t;
     }
 }
 
