@@ -669,7 +669,8 @@ std::vector<Peak> searchPeaks(const std::vector<float>& values, std::int64_t fir
     // that looks closely only at what can still enter: scores never fall as values rise, and a
     // later lag loses a tie, so nothing below the value of the worst kept candidate can displace
     // it, and a whole span of lags below it is passed over at once.
-    const std::size_t keep = std::max<std::size_t>(64, 4 * static_cast<std::size_t>(topK));
+    // The best candidate is always accepted, so one search for one peak keeps only that.
+    const std::size_t keep = topK == 1 ? 1 : 16 * static_cast<std::size_t>(topK);
     constexpr std::size_t kSpan = 64;
     std::vector<Candidate> best;
     best.reserve(keep);

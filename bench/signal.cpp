@@ -149,6 +149,9 @@ BENCHMARK(forwardTransform)
 // among its repetitions: other work on the machine only ever makes a run slower.
 class BestTimes : public benchmark::ConsoleReporter {
 public:
+    // Without colour, so that the name=value lines after the table start clean.
+    BestTimes() : ConsoleReporter(OO_Tabular) {}
+
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const auto& run : runs) {
             if (run.run_type != Run::RT_Iteration || run.error_occurred || run.iterations == 0) {

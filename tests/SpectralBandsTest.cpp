@@ -356,7 +356,9 @@ TEST(SpectralBands, PeaksMatchBruteForceSearch) {
         {150, 5000, -kInf, -2.0, 0.0, 2, 0.3},           // the clip starting first
         {300, 5100, -kInf, kInf, 4.0, 200, 0.04},
         {1024, 3500, -kInf, kInf, 8.0, 3, 0.5, -1, true}, // a clip of half a block
-        {1100, 6200, -kInf, kInf, 8.0, 3, 0.5}};          // blocks of 4096
+        {150, 5000, -kInf, kInf, 8.0, 1, 0.5},
+        {40, 300, -kInf, kInf, 2.0, 1, 0.5},
+        {1100, 6200, -kInf, kInf, 8.0, 3, 0.5}}; // blocks of 4096
     std::mt19937 rng(21);
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << "clip " << c.clip << ", ref " << c.ref << ", offsets "
