@@ -498,6 +498,8 @@ TEST(SpectralBands, PickPeaksTiesEndsAndSeparation) {
         }
     }
     EXPECT_EQ(lags(SpectralBands::pickPeaks(hill, 0, 999, 2, 20.0)), (std::vector<long>{299, 804}));
+    // Its maxima climb by small steps; the single best is the last of them.
+    EXPECT_EQ(lags(SpectralBands::pickPeaks(hill, 0, 999, 1, 0.5)), (std::vector<long>{299}));
 
     // A flat top: every lag of it is a candidate, scored alike.
     std::vector<float> plateau(32, 0.0f);
