@@ -478,10 +478,10 @@ public:
             }
             erase(found->second);
         }
+        dropExpired();
         if (bytes > budget_) {
             return nullptr;
         }
-        dropExpired();
         while (!recent_.empty() &&
                (bytes_ + bytes > budget_ || recent_.size() >= kMaxCacheEntries)) {
             erase(std::prev(recent_.end()));

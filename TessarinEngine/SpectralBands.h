@@ -69,9 +69,10 @@ std::vector<Peak> peaks(const Feature& clip, const Feature& ref, double minOffse
 std::vector<Peak> pickPeaks(const std::vector<float>& summed, int firstLag, int lastLag, int topK,
                             double minSeparationSec);
 
-// `peaks` keeps the spectra of the references it has searched, so that the next clip searched
-// against the same reference (the same band storage) costs fewer transforms. The memory is bounded;
-// an entry whose feature no longer exists is let go on the next miss or query. Thread-safe.
+// `peaks` keeps the block spectra of the long references it has searched, so that the next clip
+// searched against the same reference (the same band storage) costs fewer transforms. The memory is
+// bounded; an entry whose feature no longer exists is let go on the next miss or query.
+// Thread-safe.
 struct SpectrumCacheUsage {
     std::size_t entries = 0;
     std::size_t bytes = 0;
