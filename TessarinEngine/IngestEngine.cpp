@@ -3,13 +3,12 @@
 #include "TessarinEngine/EngineLog.h"
 #include "TessarinEngine/IngestEngine/Helpers.h"
 #include "TessarinEngine/REDCard.h"
+#include "TessarinEngine/platform/Files.h"
 #include "TessarinEngine/platform/Regex.h"
 #include "TessarinEngine/platform/Text.h"
 
 #include <array>
-#include <fcntl.h>
 #include <map>
-#include <sys/stat.h>
 #include <unordered_set>
 
 namespace fs = std::filesystem;
@@ -48,20 +47,12 @@ bool isAudioExtension(const std::string& lowerExt) {
     return std::find(kAudio.begin(), kAudio.end(), lowerExt) != kAudio.end();
 }
 
-std::optional<Date> creationDate(const fs::path& p) {
-    struct statx st {};
-    if (::statx(AT_FDCWD, p.c_str(), 0, STATX_BTIME, &st) != 0 || !(st.stx_mask & STATX_BTIME)) {
-        return std::nullopt;
-    }
-    return static_cast<double>(st.stx_btime.tv_sec) + st.stx_btime.tv_nsec * 1e-9;
-}
-
 OrderKey::OrderKey(fs::path p)
     : path_(std::move(p)), name_(fileName(path_)), key_(Collation::sortKey(name_)) {}
 
 const std::optional<Date>& OrderKey::date() const {
     if (!date_) {
-        date_ = creationDate(path_);
+        date_ = Files::creationDate(path_);
     }
     return *date_;
 }

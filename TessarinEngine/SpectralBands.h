@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -53,10 +54,33 @@ std::optional<Feature> slice(const Feature& feature, double fromSec, double dura
 
 // The best offsets of `clip` within `ref` (the clip's start relative to the reference's start),
 // best first, at most topK, at least minSeparationSec apart, keeping minOverlapSec of the clip
-// inside the reference. Offset bounds may be infinite. Empty when nothing usable is found; the
+// inside the reference. Offset bounds may be infinite (a bound too large to turn into frames counts
+// as none); a negative minOverlapSec counts as 0. Empty when nothing usable is found; the
 // reference must be strictly longer than the clip. Thread-safe.
 std::vector<Peak> peaks(const Feature& clip, const Feature& ref, double minOffsetSec,
                         double maxOffsetSec, double minOverlapSec, int topK,
                         double minSeparationSec);
+
+// The search of `peaks` on a summed correlation already made. `summed` is circular: lag L stands
+// at index L, or at L + summed.size() when L is negative. Lags firstLag to lastLag are searched;
+// both must lie in -summed.size() ... summed.size() - 1, or nothing is found. Scores are z-scores
+// over the searched lags; local maxima (ties included) best first, equal scores by ascending lag,
+// at least minSeparationSec apart, at most topK.
+std::vector<Peak> pickPeaks(const std::vector<float>& summed, int firstLag, int lastLag, int topK,
+                            double minSeparationSec);
+
+// `peaks` keeps the block spectra of the long references it has searched, so that the next clip
+// searched against the same reference (the same band storage) costs fewer transforms. The memory is
+// bounded; an entry whose feature no longer exists is let go on the next miss or query.
+// Thread-safe.
+struct SpectrumCacheUsage {
+    std::size_t entries = 0;
+    std::size_t bytes = 0;
+};
+SpectrumCacheUsage spectrumCacheUsage();
+
+// Sets the byte bound of those spectra (128 MiB unless set), letting go of the least recently used
+// at once if needed, and returns the previous bound.
+std::size_t setSpectrumCacheBudget(std::size_t bytes);
 
 } // namespace SpectralBands

@@ -1,6 +1,9 @@
 #include "fuzz/Targets.h"
 
 #include "TessarinEngine/EnvelopeCache.h"
+#include "TessarinEngine/MediaMetadata.h"
+#include "TessarinEngine/R3DHeader.h"
+#include "TessarinEngine/platform/QuickTime.h"
 #include "TessarinEngineCLI/Request.h"
 
 #include <algorithm>
@@ -36,9 +39,75 @@ void bands(const std::uint8_t* data, std::size_t size) {
     }
 }
 
-const std::array<Entry, 2> kTargets = {{
+using Bytes = std::span<const std::uint8_t>;
+
+// The chunk walkers of Broadcast WAV files: dates, names, channel indices and the timecode search.
+void riff(const std::uint8_t* data, std::size_t size) {
+    const Bytes bytes(data, size);
+    (void)MediaMetadata::readBWFOriginationDate(bytes);
+    (void)MediaMetadata::readBWFOriginator(bytes);
+    (void)MediaMetadata::readBWFTimecode(bytes);
+    for (int channels : {1, 2, 8}) {
+        auto indices = MediaMetadata::readIXMLChannelIndices(bytes, channels);
+        if (indices.empty()) {
+            __builtin_trap(); // at least one number, always
+        }
+    }
+}
+
+// The box reader and every step that walks atoms.
+void quicktime(const std::uint8_t* data, std::size_t size) {
+    const Bytes bytes(data, size);
+    (void)QuickTime::readDeviceAtoms(bytes);
+    if (auto movie = QuickTime::readMovie(bytes)) {
+        (void)QuickTime::readTimecodeSample(*movie, bytes);
+        for (const auto& track : movie->tracks) {
+            int budget = 1000;
+            QuickTime::forEachSample(track, bytes,
+                                     [&](const QuickTime::Sample&) { return --budget > 0; });
+        }
+    }
+    (void)MediaMetadata::readMovieTimecode(bytes);
+    (void)MediaMetadata::readTimedMetadataDevice(bytes);
+    (void)MediaMetadata::readQuickTimeDeviceAtoms(bytes);
+    (void)MediaMetadata::sonyNonRealTimeMetaXML(bytes);
+    (void)MediaMetadata::readSonyNRTMTimecode(bytes);
+    (void)MediaMetadata::extractCameraAttributesModel(bytes);
+}
+
+// The searches for camera XML at the end of a file and in sidecar documents.
+void sonyxml(const std::uint8_t* data, std::size_t size) {
+    const Bytes bytes(data, size);
+    const std::string_view text(reinterpret_cast<const char*>(data), size);
+    (void)MediaMetadata::readSonyXMLDate(bytes);
+    (void)MediaMetadata::readXMLBox(bytes);
+    (void)MediaMetadata::parseCameraFromXML(text);
+    (void)MediaMetadata::sonyNRTMTimecodeFromXML(text);
+}
+
+// iXML channel indices for every channel count a recorder writes.
+void ixml(const std::uint8_t* data, std::size_t size) {
+    const Bytes bytes(data, size);
+    for (int channels = 1; channels <= 16; channels *= 2) {
+        auto indices = MediaMetadata::readIXMLChannelIndices(bytes, channels);
+        if (indices.empty()) {
+            __builtin_trap();
+        }
+    }
+}
+
+void r3d(const std::uint8_t* data, std::size_t size) {
+    (void)R3DHeader::read(Bytes(data, size));
+}
+
+const std::array<Entry, 7> kTargets = {{
     {"request", request},
     {"bands", bands},
+    {"riff", riff},
+    {"quicktime", quicktime},
+    {"sonyxml", sonyxml},
+    {"ixml", ixml},
+    {"r3d", r3d},
 }};
 
 } // namespace

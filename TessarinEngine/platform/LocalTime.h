@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace LocalTime {
 
@@ -23,6 +24,15 @@ std::optional<Date> fromLocal(const Fields& fields);
 
 // The moment a wall-clock time names in UTC; nothing for fields out of range.
 std::optional<Date> fromUtc(const Fields& fields);
+
+// An ISO 8601 date and time without zone, "2023-07-01T14:25:30" exactly, read as a UTC wall
+// clock; nothing for any other form or an impossible date.
+std::optional<Date> fromIsoUtcWallClock(std::string_view text);
+
+// An ISO 8601 date and time with its zone: "2023-07-01T14:25:30", optionally with a fraction of
+// a second (".000000"), then "Z" or a numeric offset ("+02:00", "+0200", "+02"). Nothing for any
+// other form, trailing text included, or an impossible date.
+std::optional<Date> fromIso8601(std::string_view text);
 
 // A moment written with an ICU date pattern ("HH:mm") in the process's time zone.
 std::string format(Date date, const std::string& pattern);

@@ -1,0 +1,37 @@
+#pragma once
+
+#include "TessarinEngine/TrackModels.h"
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <span>
+
+// A regular file mapped read-only into memory, so every parser of a clip works on one byte span
+// and the file is opened once. Only the pages a parser touches are read from disk.
+class MappedFile {
+public:
+    // Maps the file; nothing for a path that is missing or names anything but a regular file
+    // (directory, FIFO, device), or when it cannot be opened. Opening never blocks, so a FIFO
+    // cannot hang the caller. An empty file maps to an empty span.
+    static std::optional<MappedFile> open(const std::filesystem::path& path);
+
+    MappedFile(MappedFile&& other) noexcept;
+    MappedFile& operator=(MappedFile&& other) noexcept;
+    MappedFile(const MappedFile&) = delete;
+    MappedFile& operator=(const MappedFile&) = delete;
+    ~MappedFile();
+
+    std::span<const std::uint8_t> bytes() const { return {data_, size_}; }
+    // The file's birth time where the file system records one.
+    std::optional<Date> creationDate() const { return created_; }
+    std::optional<Date> modificationDate() const { return modified_; }
+
+private:
+    MappedFile() = default;
+
+    const std::uint8_t* data_ = nullptr;
+    std::size_t size_ = 0;
+    std::optional<Date> created_;
+    std::optional<Date> modified_;
+};
