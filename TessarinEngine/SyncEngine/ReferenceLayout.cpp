@@ -158,8 +158,4 @@ bool layoutReference(Run& run) {
     return true;
 }
 
-// Pass-through that finds nothing yet: the reference's takes are not moved against a linked long
-// backup until that calibration is built, so every take stays where its own clock put it.
-void calibrateSegmentIfNeeded(Run&, int, int) {}
-
 } // namespace SyncEngine
