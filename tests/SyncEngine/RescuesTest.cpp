@@ -247,3 +247,58 @@ TEST(Rescues, SiblingPropOnlyTrustsAnAlikeTakeOfAnotherCamera) {
         }
     }
 }
+
+TEST(Rescues, CameraGroupFarFromTheRecorderIsLaidByWhatItsCamerasHearOfEachOther) {
+    if (!signalCoreReady()) {
+        GTEST_SKIP() << "band search not available";
+    }
+    constexpr double kDay = 1.7e9;
+    const auto sound = randomBands(2400 * 25, 21);
+    std::vector<ClipItem> refClips;
+    // Two clips only: a recorder of more would make the two cameras lead as an ensemble.
+    for (int k = 0; k < 2; ++k) {
+        auto clip = makeClip("Ref_" + std::to_string(k), 120, kDay + 200.0 * k);
+        clip.bandFeature = cutFeature(sound, 200 * 25 * k, 120 * 25, 30 + k);
+        refClips.push_back(clip);
+    }
+    // One camera's clips over two card folders: the first heard the recorder, the rest were shot
+    // half an hour later, where only the camera's other clips were listening.
+    auto card1 =
+        camera("G_card1", {take(&sound, "G001", 30, 60, 1), take(&sound, "G002", 2000, 240, 2)});
+    auto card2 =
+        camera("G_card2", {take(&sound, "G003", 2100, 100, 3), take(&sound, "G004", 2200, 35, 4)});
+    card1.cameraGroup = "G";
+    card2.cameraGroup = "G";
+    std::vector<TrackSource> tracks = {makeTrack("Ref", SourceType::audio, refClips), card1, card2};
+
+    TestSupport::LogCapture log;
+    const auto out = runEngine(tracks);
+    const auto& g001 = out[1].clips[0];
+    const auto& g002 = out[1].clips[1];
+    const auto& g003 = out[2].clips[0];
+    const auto& g004 = out[2].clips[1];
+    EXPECT_NEAR(g001.startOffset - out[0].clips[0].startOffset, 30.0, 0.04);
+    for (const auto* clip : {&g002, &g003, &g004}) {
+        SCOPED_TRACE(clipName(*clip));
+        EXPECT_TRUE(clip->placementPass == "A3cluster" || clip->placementPass == "A3cam");
+    }
+    // The cluster stands on the floor its chained predecessor leaves, each member where the others
+    // heard it; the chain's layout then keeps one camera's clips from overlapping each other.
+    EXPECT_NEAR(g002.startOffset, g001.startOffset + 60.0, 0.04);
+    EXPECT_TRUE(log.contains("camera cluster 'G002 + G003 + G004' @ 90.0s — 3 clip(s)"));
+    const std::vector<std::pair<std::string, double>> raw = {
+        {"G002", 90.0}, {"G003", 190.0}, {"G004", 290.0}};
+    for (const auto& [name, pos] : raw) {
+        SCOPED_TRACE(name);
+        bool seen = false;
+        for (const auto& line : log.lines()) {
+            if (line.find("   " + name + " ") != std::string::npos) {
+                const auto at = line.find("raw=");
+                ASSERT_NE(at, std::string::npos) << line;
+                EXPECT_NEAR(std::stod(line.substr(at + 4)), pos, 0.04) << line;
+                seen = true;
+            }
+        }
+        EXPECT_TRUE(seen);
+    }
+}
