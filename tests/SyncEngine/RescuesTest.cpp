@@ -302,3 +302,74 @@ TEST(Rescues, CameraGroupFarFromTheRecorderIsLaidByWhatItsCamerasHearOfEachOther
         EXPECT_TRUE(seen);
     }
 }
+
+TEST(Rescues, LongTakeHeardNowhereElseIsFoundNearItsBroll) {
+    if (!signalCoreReady()) {
+        GTEST_SKIP() << "band search not available";
+    }
+    // The recorder's first 500 s are a loud rhythmic machine that the long take also carries
+    // faintly: searched over the whole recorder, the machine drowns every match of the take.
+    const auto sound = randomBands(1200 * 25, 8);
+    auto recorded = sound;
+    auto onCamera = sound;
+    for (int b = 0; b < 8; ++b) {
+        for (int f = 0; f < 1200 * 25; ++f) {
+            const float machine = 3.0f * std::sin(2 * 3.14159f * f / (25 * 4.0f) + b);
+            if (f < 500 * 25) {
+                recorded[b][f] = machine + 0.1f * recorded[b][f];
+            }
+            onCamera[b][f] += machine;
+        }
+    }
+    auto rec = makeClip("Rec_0", 1000);
+    rec.bandFeature = cutFeature(recorded, 0, 1000 * 25, 1);
+    auto longCam = camera("L_card1", {take(&onCamera, "L001", 600, 400, 2)});
+    auto idle = camera("L_card2", {take(nullptr, "L002", 0, 10, 0)});
+    longCam.cameraGroup = "L";
+    idle.cameraGroup = "L";
+    struct Case {
+        const char* name;
+        // Where each B-roll clip was shot; none for one that heard nothing.
+        std::vector<std::optional<double>> broll;
+        bool rescued;
+    };
+    const std::vector<Case> cases = {
+        {"two B-roll clips during the take", {610, 650}, true},
+        {"one B-roll clip is no prior", {610, std::nullopt}, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        // The B-roll camera's clips lie on two cards, so that they form a group of their own:
+        // placed against the recorder, yet never lent to the pool the long take is sought in.
+        std::vector<TrackSource> tracks = {makeTrack("Rec", SourceType::audio, {rec})};
+        for (std::size_t k = 0; k < c.broll.size(); ++k) {
+            auto card =
+                camera("B_card" + std::to_string(k),
+                       {take(c.broll[k] ? &sound : nullptr, "B00" + std::to_string(k),
+                             c.broll[k].value_or(0), 30 + 10.0 * k, 5 + static_cast<unsigned>(k))});
+            card.cameraGroup = "B";
+            tracks.push_back(card);
+        }
+        tracks.push_back(longCam);
+        tracks.push_back(idle);
+        TestSupport::LogCapture log;
+        const auto out = runEngine(tracks);
+        for (std::size_t k = 0; k < c.broll.size(); ++k) {
+            if (c.broll[k]) {
+                EXPECT_NEAR(out[1 + k].clips[0].startOffset - out[0].clips[0].startOffset,
+                            *c.broll[k], 0.04);
+            }
+        }
+        const auto& l001 = out[1 + c.broll.size()].clips[0];
+        if (c.rescued) {
+            EXPECT_EQ(l001.placementPass, "A3b-broll");
+            EXPECT_NEAR(l001.startOffset - out[0].clips[0].startOffset, 600.0, 0.04);
+            EXPECT_TRUE(log.contains("long rescue 'L001' @ 600.0s score="));
+            // The window opens 30 s before the first B-roll clip and runs 240 s past it.
+            EXPECT_TRUE(log.contains("via B-roll prior (580…850)"));
+        } else {
+            EXPECT_NE(l001.placementPass, "A3b-broll");
+            EXPECT_TRUE(log.contains("long rescue miss 'L001' (400s) window "));
+        }
+    }
+}
