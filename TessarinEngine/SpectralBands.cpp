@@ -835,7 +835,10 @@ std::vector<Peak> peaks(const Feature& clip, const Feature& ref, double minOffse
     };
     const std::int64_t first = bound(minOffsetSec, lo);
     const std::int64_t last = bound(maxOffsetSec, hi);
-    if (last < first) {
+    // A single searched lag has no spread, so it can never score: stop before any transform.
+    // Bounds that lie wholly outside the overlap range clamp to one lag, which is common for
+    // clips whose clock window misses a pool segment.
+    if (last <= first) {
         return {};
     }
 
