@@ -311,3 +311,67 @@ TEST(LongBackups, TakeMovesOnlyWhenTheBackupDisagreesBetweenLimits) {
         EXPECT_EQ(run.sources[0].clips[1].startOffset, 0.0);
     }
 }
+
+TEST(LongBackups, ProbeCountsAVoteFromEveryReadyClipThatHearsTheBackup) {
+    if (!signalCoreReady()) {
+        GTEST_SKIP() << "band search not available";
+    }
+    const auto sound = randomBands(600 * 25, 42);
+    const auto elsewhere = randomBands(600 * 25, 43);
+    struct Case {
+        const char* name;
+        // Length of the backup's longest clip, which truly began 50 s into the ready clips; a
+        // flat clip of 10 s runs ahead of it.
+        double longest;
+        int readyTracks;
+        bool heard;
+        std::string line;
+    };
+    const std::vector<Case> cases = {
+        {"three windows and the whole clip agree", 200, 1, true,
+         "'Backup' content consensus: 4/4 window votes clustered @ 150s"},
+        {"each ready clip adds its own votes", 200, 2, true,
+         "'Backup' content consensus: 7/7 window votes clustered @ 150s"},
+        {"under 25 s only the whole clip is tried", 20, 1, true,
+         "'Backup' single-witness probe: 1 window(s) tried, best score="},
+        {"heard nothing", 200, 1, false, ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::vector<TrackSource> tracks;
+        for (int k = 0; k < c.readyTracks; ++k) {
+            auto clip = heard(sound, "R" + std::to_string(k), 0, 300, 1 + k, std::nullopt);
+            clip.startOffset = 100;
+            tracks.push_back(makeTrack("R" + std::to_string(k), SourceType::audio, {clip}));
+        }
+        auto lead = makeClip("Backup_0", 10);
+        lead.bandFeature = flatFeature(250);
+        tracks.push_back(makeTrack("Backup", SourceType::audio,
+                                   {lead, heard(c.heard ? sound : elsewhere, "Backup_1", 50,
+                                                c.longest, 9, std::nullopt)}));
+        SyncEngine::Run run(tracks, noProgress, noPlace, nullptr);
+        std::vector<ClipRef> refs;
+        for (int si = 0; si < static_cast<int>(tracks.size()); ++si) {
+            for (int ci = 0; ci < static_cast<int>(tracks[si].clips.size()); ++ci) {
+                refs.push_back(ClipRef{si, ci});
+            }
+        }
+        beginRegion(run, "default", refs);
+        run.region.refTrack = 0;
+        for (int k = 0; k < c.readyTracks; ++k) {
+            run.region.readyTracks.insert(k);
+        }
+        TestSupport::LogCapture log;
+        const auto offset = probeBackupLinkage(run, c.readyTracks);
+        EXPECT_EQ(offset.has_value(), c.heard);
+        if (c.heard) {
+            // The longest clip lands on 150 s, with the clip ahead of it butted before it.
+            EXPECT_NEAR(*offset, 140.0, 0.04);
+            EXPECT_TRUE(log.contains(c.line));
+            // A lone witness is believed only at 14 or more.
+            EXPECT_EQ(log.contains("(need 14.0) — linking"), c.longest < 25);
+        } else {
+            EXPECT_TRUE(log.lines().empty());
+        }
+    }
+}
