@@ -373,3 +373,60 @@ TEST(Rescues, LongTakeHeardNowhereElseIsFoundNearItsBroll) {
         }
     }
 }
+
+TEST(Rescues, LongRescueOfATrackSearchesOnlyBetweenItsStrongNeighbours) {
+    if (!signalCoreReady()) {
+        GTEST_SKIP() << "band search not available";
+    }
+    // As above: the pool's first 500 s are a machine the takes carry faintly.
+    const auto sound = randomBands(1200 * 25, 8);
+    auto recorded = sound;
+    auto heardByTrack = sound;
+    for (int b = 0; b < 8; ++b) {
+        for (int f = 0; f < 1200 * 25; ++f) {
+            const float machine = 3.0f * std::sin(2 * 3.14159f * f / (25 * 4.0f) + b);
+            if (f < 500 * 25) {
+                recorded[b][f] = machine + 0.1f * recorded[b][f];
+            }
+            heardByTrack[b][f] += machine;
+        }
+    }
+    std::vector<PoolSpan> pool(1);
+    pool[0].dur = 1000;
+    pool[0].bands = cutFeature(recorded, 0, 1000 * 25, 1);
+    struct Case {
+        const char* name;
+        double duration;
+        bool bracketed;
+        bool rescued;
+    };
+    const std::vector<Case> cases = {
+        {"a 300 s take between strong neighbours", 300, true, true},
+        {"a 299.9 s take is no long take", 299.9, true, false},
+        {"an open bracket lets the machine drown it, silently", 300, false, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        // Neighbours of 10 s chained before and after the take, which truly began at 600.
+        ChainRig rig({makeTrack("T", SourceType::audio,
+                                {take(nullptr, "T_0", 0, 10, 0),
+                                 take(&heardByTrack, "T_1", 600, c.duration, 2),
+                                 take(nullptr, "T_2", 0, 10, 0)})});
+        if (c.bracketed) {
+            rig.place(0, 560, true);
+            rig.place(2, 990, true);
+        }
+        rig.chain.checkSpans = &pool;
+        TestSupport::LogCapture log;
+        ASSERT_TRUE(longRescueTrack(*rig.run, rig.chain, pool));
+        EXPECT_EQ(rig.chain.placed.contains(1), c.rescued);
+        if (c.rescued) {
+            EXPECT_NEAR(rig.clip(1).startOffset, 600.0, 0.04);
+            EXPECT_EQ(rig.clip(1).placementPass, "A3b");
+            EXPECT_TRUE(log.contains("long rescue 'T_1' @ 600.0s score="));
+            EXPECT_TRUE(log.contains("(track 'T')"));
+        } else {
+            EXPECT_TRUE(log.lines().empty());
+        }
+    }
+}
