@@ -76,18 +76,7 @@ void calibrateSegmentIfNeeded(Run& run, int take, int backup) {
         }
     }
 
-    std::vector<Match> cluster;
-    for (const auto& seed : votes) {
-        std::vector<Match> near;
-        for (const auto& v : votes) {
-            if (std::abs(v.pos - seed.pos) <= kVoteClusterRadius) {
-                near.push_back(v);
-            }
-        }
-        if (near.size() > cluster.size()) {
-            cluster = std::move(near);
-        }
-    }
+    const auto cluster = largestCluster(votes, kVoteClusterRadius);
     if (cluster.size() < 2) {
         return;
     }

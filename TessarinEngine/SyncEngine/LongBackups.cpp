@@ -25,23 +25,6 @@ int longestClip(const Run& run, const std::vector<int>& clips, int si) {
     return best;
 }
 
-// The largest collection of votes within the cluster radius of one of them, the first on ties.
-std::vector<Match> voteCluster(const std::vector<Match>& votes) {
-    std::vector<Match> best;
-    for (const auto& seed : votes) {
-        std::vector<Match> near;
-        for (const auto& v : votes) {
-            if (std::abs(v.pos - seed.pos) <= kVoteClusterRadius) {
-                near.push_back(v);
-            }
-        }
-        if (near.size() > best.size()) {
-            best = std::move(near);
-        }
-    }
-    return best;
-}
-
 } // namespace
 
 bool isLongBackup(const Run& run, int si) {
@@ -156,7 +139,7 @@ std::optional<double> probeBackupLinkage(Run& run, int si) {
         return std::nullopt;
     }
 
-    const auto cluster = voteCluster(votes);
+    const auto cluster = largestCluster(votes, kVoteClusterRadius);
     double pos = 0;
     if (cluster.size() >= 2) {
         double sum = 0;
