@@ -122,6 +122,24 @@ TEST(Rescues, CameraCrossTakesItsPlaceFromAPlacedCameraInsideTheBracket) {
     }
 }
 
+TEST(Rescues, CameraCrossBelievesItsBestWitnessOutright) {
+    if (!signalCoreReady()) {
+        GTEST_SKIP() << "band search not available";
+    }
+    const auto sound = randomBands(600 * 25, 5);
+    // Two cameras heard the unplaced clip; the one heard through more noise was placed 2 s wrong.
+    auto clear = take(&sound, "A_0", 100, 200, 1);
+    auto muffled = take(&sound, "C_0", 120, 200, 4);
+    muffled.bandFeature = cutFeature(sound, 120 * 25, 200 * 25, 4, 1.5f);
+    ChainRig rig({camera("A", {clear}), camera("C", {muffled}),
+                  camera("B", {take(&sound, "B_0", 150, 60, 2)})});
+    rig.place(0, 1000, false);
+    rig.place(1, 1022, false);
+    ASSERT_TRUE(cameraCross(*rig.run, rig.chain));
+    ASSERT_TRUE(rig.chain.placed.contains(2));
+    EXPECT_NEAR(rig.clip(2).startOffset, 1050.0, 0.04);
+}
+
 TEST(Rescues, CameraClusterLinksUnplacedClipsByTheirOwnAudio) {
     if (!signalCoreReady()) {
         GTEST_SKIP() << "band search not available";
