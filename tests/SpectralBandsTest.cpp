@@ -348,16 +348,12 @@ TEST(SpectralBands, PeaksMatchBruteForceSearch) {
         {30, 500, 25.0, 1e9, 0.8, 2, 0.5},       // bounds held to the range
         {25, 200, -0.5, -0.5, 0.4, 1, 0.5},      // a single lag: no spread, nothing
         {25, 200, -kInf, kInf, 0.2, 1000, 0.04}, // every local maximum
-        {25, 200, -kInf, kInf, 0.2, 1000, 0.4},
-        {200, 1500, -kInf, kInf, 8.0, 3, 0.5},
         {100, 6000, -kInf, kInf, 0.0, 5, 0.5, 0},
         {97, 4000, -kInf, kInf, 0.0, 6, 0.04, -1, true}, // N = 4096 exactly, by blocks
         {150, 5000, 40.0, 48.0, 2.0, 3, 0.3},            // a few blocks only
         {150, 5000, -kInf, -2.0, 0.0, 2, 0.3},           // the clip starting first
         {300, 5100, -kInf, kInf, 4.0, 200, 0.04},
         {1024, 3500, -kInf, kInf, 8.0, 3, 0.5, -1, true}, // a clip of half a block
-        {150, 5000, -kInf, kInf, 8.0, 1, 0.5},
-        {40, 300, -kInf, kInf, 2.0, 1, 0.5},
         {1100, 6200, -kInf, kInf, 8.0, 3, 0.5}}; // blocks of 4096
     std::mt19937 rng(21);
     for (const auto& c : cases) {
