@@ -62,10 +62,8 @@ TEST(AudioExtractor, BadInputsFailWithTheirOwnErrorAndNeverHang) {
     TestSupport::TempDir dir;
     runFfmpeg({"-f", "lavfi", "-i", "testsrc=size=64x48:rate=10:duration=1", "-c:v", "mpeg4",
                (dir / "picture.mp4").string()});
-    std::filesystem::create_directory(dir / "folder.mov");
     ASSERT_EQ(::mkfifo((dir / "pipe.wav").c_str(), 0600), 0);
     writeBytes(dir / "empty.mov", {});
-    writeBytes(dir / "noise.mov", randomBytes(20000, 7));
     writeWav(dir / "no-data.wav", std::vector<float>{}, {});
 
     // A recording cut short by a dead battery: with the index at the end, the index is missing;
@@ -90,10 +88,8 @@ TEST(AudioExtractor, BadInputsFailWithTheirOwnErrorAndNeverHang) {
     };
     const std::vector<Case> cases = {
         {"missing.mp4", Kind::readerStartFailed, "No such file or directory"},
-        {"folder.mov", Kind::readerStartFailed, "not a regular file"},
         {"pipe.wav", Kind::readerStartFailed, "not a regular file"},
         {"empty.mov", Kind::readerStartFailed, "Invalid data found when processing input"},
-        {"noise.mov", Kind::readerStartFailed, "Invalid data found when processing input"},
         {"whole-cut.mp4", Kind::readerStartFailed, "Invalid data found when processing input"},
         {"front-cut.mp4", Kind::emptySamples, "front-cut.mp4"},
         {"no-data.wav", Kind::emptySamples, "no-data.wav"},
@@ -157,7 +153,6 @@ TEST(AudioExtractor, SilenceIsJudgedOnThePeakOfTheChannelMean) {
         bool silent;
     };
     const std::vector<Case> cases = {
-        {"zeros.wav", std::vector<float>(kRate, 0.0f), floatMono, true},
         {"at-threshold.wav", std::vector<float>(kRate, 0.001f), floatMono, true},
         {"above-threshold.wav", std::vector<float>(kRate, 0.0011f), floatMono, false},
         {"opposite-channels.wav", opposite, stereo, true},

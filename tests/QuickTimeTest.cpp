@@ -56,11 +56,6 @@ Bytes moovWith(const Bytes& children) {
     return cat({box("ftyp", text("qt  ")), box("mdat", Bytes(32, 0xAB)), box("moov", children)});
 }
 
-// meta as a full box: version and flags before its children.
-Bytes metaBox(const Bytes& children) {
-    return fullBox("meta", children);
-}
-
 Bytes nestedUdta(int levels, const Bytes& inner) {
     Bytes b = inner;
     for (int i = 0; i < levels; ++i) {
@@ -82,8 +77,8 @@ TEST(QuickTime, FindsMakeAndModelInUserDataAtoms) {
                       cat({userDataText("\xA9mak", "Acme"), userDataText("\xA9mod", "Cam One")}))),
          "Acme Cam One"},
         {"item list in meta",
-         moovWith(box("udta", metaBox(box("ilst", cat({itemListText("\xA9mak", "Acme"),
-                                                       itemListText("\xA9mod", "X1")}))))),
+         moovWith(box("udta", fullBox("meta", box("ilst", cat({itemListText("\xA9mak", "Acme"),
+                                                               itemListText("\xA9mod", "X1")}))))),
          "Acme X1"},
         {"language code \"und\" and a name of 40 characters",
          moovWith(box("udta", cat({userDataText("\xA9mak", "Acme", 0x55C4),

@@ -193,6 +193,5 @@ TEST(R3DHeader, ReadsFilesAndRefusesWhatIsNoRegularFile) {
     // A FIFO would block an open for reading until a writer comes; it must be refused at once.
     ASSERT_EQ(::mkfifo((dir / "B.R3D").c_str(), 0600), 0);
     EXPECT_FALSE(R3DHeader::read(dir / "B.R3D"));
-    EXPECT_FALSE(R3DHeader::read(dir.path()));
     EXPECT_FALSE(R3DHeader::read(dir / "missing.R3D"));
 }

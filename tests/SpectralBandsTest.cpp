@@ -249,8 +249,8 @@ TEST(SpectralBands, ComputeMatchesDirectWindowedTransform) {
 }
 
 TEST(SpectralBands, FrameCountFollowsWholeWindows) {
-    const std::pair<std::size_t, int> cases[] = {
-        {0, 0}, {1023, 0}, {3583, 0}, {3584, 5}, {3584 + 639, 5}, {3584 + 640, 6}, {16000, 24}};
+    const std::pair<std::size_t, int> cases[] = {{0, 0},    {1023, 0},       {3583, 0},
+                                                 {3584, 5}, {3584 + 639, 5}, {3584 + 640, 6}};
     for (const auto& [samples, frames] : cases) {
         SCOPED_TRACE(testing::Message() << samples << " samples");
         const auto f = SpectralBands::compute(textureAudio(samples, 3));
@@ -287,11 +287,11 @@ TEST(SpectralBands, SliceRoundsHalvesAwayFromZeroAndRenormalises) {
         double from, duration;
         int start, count; // count 0: nothing
     };
-    const Case cases[] = {{0.0, 0.18, 0, 5},  {0.0, 0.17, 0, 0},         {-1.0, 2.0, 0, 50},
-                          {0.02, 1.0, 1, 25}, {0.06, 1.0, 2, 25},        {-0.02, 1.0, 0, 25},
-                          {0.0, 0.22, 0, 6},  {2.0, 2.0, 50, 50},        {2.02, 2.0, 0, 0},
-                          {0.0, 4.0, 0, 100}, {0.0, 4.04, 0, 0},         {kInf, 1.0, 0, 0},
-                          {0.0, kInf, 0, 0},  {std::nan(""), 1.0, 0, 0}, {0.0, std::nan(""), 0, 0}};
+    const Case cases[] = {{0.0, 0.18, 0, 5},         {0.0, 0.17, 0, 0},        {-1.0, 2.0, 0, 50},
+                          {0.02, 1.0, 1, 25},        {-0.02, 1.0, 0, 25},      {0.0, 0.22, 0, 6},
+                          {2.0, 2.0, 50, 50},        {2.02, 2.0, 0, 0},        {0.0, 4.0, 0, 100},
+                          {0.0, 4.04, 0, 0},         {kInf, 1.0, 0, 0},        {0.0, kInf, 0, 0},
+                          {std::nan(""), 1.0, 0, 0}, {0.0, std::nan(""), 0, 0}};
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << "from " << c.from << " for " << c.duration);
         const auto s = SpectralBands::slice(f, c.from, c.duration);
@@ -348,17 +348,13 @@ TEST(SpectralBands, PeaksMatchBruteForceSearch) {
         {30, 500, 25.0, 1e9, 0.8, 2, 0.5},       // bounds held to the range
         {25, 200, -0.5, -0.5, 0.4, 1, 0.5},      // a single lag: no spread, nothing
         {25, 200, -kInf, kInf, 0.2, 1000, 0.04}, // every local maximum
-        {25, 200, -kInf, kInf, 0.2, 1000, 0.4},
-        {200, 1500, -kInf, kInf, 8.0, 3, 0.5},
         {100, 6000, -kInf, kInf, 0.0, 5, 0.5, 0},
         {97, 4000, -kInf, kInf, 0.0, 6, 0.04, -1, true}, // N = 4096 exactly, by blocks
         {150, 5000, 40.0, 48.0, 2.0, 3, 0.3},            // a few blocks only
         {150, 5000, -kInf, -2.0, 0.0, 2, 0.3},           // the clip starting first
         {300, 5100, -kInf, kInf, 4.0, 200, 0.04},
         {1024, 3500, -kInf, kInf, 8.0, 3, 0.5, -1, true}, // a clip of half a block
-        {150, 5000, -kInf, kInf, 8.0, 1, 0.5},
-        {40, 300, -kInf, kInf, 2.0, 1, 0.5},
-        {1100, 6200, -kInf, kInf, 8.0, 3, 0.5}}; // blocks of 4096
+        {1100, 6200, -kInf, kInf, 8.0, 3, 0.5}};          // blocks of 4096
     std::mt19937 rng(21);
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << "clip " << c.clip << ", ref " << c.ref << ", offsets "
