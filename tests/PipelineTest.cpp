@@ -1,5 +1,9 @@
 #include "TessarinEngineCLI/Pipeline.h"
 
+#include "TessarinEngine/EnvelopeCache.h"
+#include "tests/support/MediaFixtures.h"
+#include "tests/support/TestSupport.h"
+
 #include <atomic>
 #include <chrono>
 #include <gtest/gtest.h>
@@ -219,4 +223,31 @@ TEST(Pipeline, RunLevelErrorsEndTheRun) {
     auto last = std::get<ErrorEvent>(rec.events[3]);
     EXPECT_FALSE(last.path);
     EXPECT_EQ(last.message, "Need at least 2 tracks to sync");
+}
+
+TEST(Pipeline, SecondExtractionOfAFileComesFromTheCache) {
+    TestSupport::TempDir dir;
+    const auto previous = EnvelopeCache::cacheDir();
+    EnvelopeCache::setCacheDir(dir / "cache");
+    const auto wav = dir / "tone.wav";
+    MediaFixtures::writeWav(wav, MediaFixtures::sine(440.0, 0.5f, 3.0, 16000), {});
+    const ExtractJob job{0, 0, wav, 2.9};
+
+    auto first = Pipeline::runExtractJob(job);
+    ASSERT_FALSE(first.errorMessage) << *first.errorMessage;
+    ASSERT_TRUE(first.bands);
+    ASSERT_TRUE(first.refinedDuration); // decoded
+    EXPECT_NEAR(*first.refinedDuration, 3.0, 0.01);
+    auto key = EnvelopeCache::cacheKey(wav);
+    ASSERT_TRUE(key);
+    EXPECT_TRUE(std::filesystem::exists(dir / "cache" / (*key + ".bands")));
+    EXPECT_TRUE(std::filesystem::exists(dir / "cache" / *key));
+
+    // The same file again: the cache answers and nothing is decoded.
+    auto second = Pipeline::runExtractJob(job);
+    EXPECT_FALSE(second.errorMessage);
+    ASSERT_TRUE(second.bands);
+    EXPECT_FALSE(second.refinedDuration); // nothing was decoded
+    EXPECT_EQ(*second.bands, *first.bands);
+    EnvelopeCache::setCacheDir(previous);
 }
