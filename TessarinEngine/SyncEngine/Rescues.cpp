@@ -125,7 +125,12 @@ int findRoot(std::vector<int>& parent, int x) {
 
 } // namespace
 
-bool longRescueChain(Run& run, ChainState& chain) {
+namespace {
+
+// Visits, longest first, every long take that is still unplaced and has room in its bracket.
+// False when the run was cancelled on the way.
+template <class Visit>
+bool forEachLongTake(Run& run, ChainState& chain, Visit visit) {
     for (int i : chain.order) {
         if (chain.placed.contains(i) || chain.clips[i].duration < kLongTake) {
             continue;
@@ -134,9 +139,17 @@ bool longRescueChain(Run& run, ChainState& chain) {
             return false;
         }
         const Window w = chain.bounds(i);
-        if (w.lo >= w.hi) {
-            continue;
+        if (w.lo < w.hi) {
+            visit(i, w);
         }
+    }
+    return true;
+}
+
+} // namespace
+
+bool longRescueChain(Run& run, ChainState& chain) {
+    return forEachLongTake(run, chain, [&](int i, const Window& w) {
         const auto& ref = chain.refs[i];
         const auto& spans = *chain.checkSpans;
         const auto m = clipMatch(run, ref.si, ref.ci, w.lo, w.hi, spans);
@@ -144,7 +157,7 @@ bool longRescueChain(Run& run, ChainState& chain) {
             chain.acceptFill(run, i, *m, w.lo, w.hi, "A3b");
             logDetail(format("long rescue '%s' @ %.1fs score=%.1f (window %.0f…%.0f)",
                              nameOf(chain, i).c_str(), chain.posOf.at(i), m->score, w.lo, w.hi));
-            continue;
+            return;
         }
         if (const auto prior = brollPriorWindow(run, w.lo, w.hi, chain.clips[i].duration)) {
             const auto m2 = clipMatch(run, ref.si, ref.ci, prior->lo, prior->hi, spans);
@@ -154,13 +167,12 @@ bool longRescueChain(Run& run, ChainState& chain) {
                 logDetail(format("long rescue '%s' @ %.1fs score=%.1f via B-roll prior (%.0f…%.0f)",
                                  nameOf(chain, i).c_str(), chain.posOf.at(i), m2->score, prior->lo,
                                  prior->hi));
-                continue;
+                return;
             }
         }
         logDetail(format("long rescue miss '%s' (%.0fs) window %.0f…%.0f — will interp",
                          nameOf(chain, i).c_str(), chain.clips[i].duration, w.lo, w.hi));
-    }
-    return true;
+    });
 }
 
 bool cameraCross(Run& run, ChainState& chain) {
@@ -372,17 +384,7 @@ void siblingProp(Run& run, ChainState& chain) {
 }
 
 bool longRescueTrack(Run& run, ChainState& chain, const std::vector<PoolSpan>& pool) {
-    for (int k : chain.order) {
-        if (chain.placed.contains(k) || chain.clips[k].duration < kLongTake) {
-            continue;
-        }
-        if (run.cancelled()) {
-            return false;
-        }
-        const Window w = chain.bounds(k);
-        if (w.lo >= w.hi) {
-            continue;
-        }
+    const bool finished = forEachLongTake(run, chain, [&](int k, const Window& w) {
         const auto& ref = chain.refs[k];
         const auto m = clipMatch(run, ref.si, ref.ci, w.lo, w.hi, pool);
         if (m && m->score >= kWeakScore) {
@@ -391,8 +393,8 @@ bool longRescueTrack(Run& run, ChainState& chain, const std::vector<PoolSpan>& p
                              nameOf(chain, k).c_str(), chain.posOf.at(k), m->score,
                              run.sources[ref.si].name.c_str()));
         }
-    }
-    return !run.cancelled();
+    });
+    return finished && !run.cancelled();
 }
 
 } // namespace SyncEngine
