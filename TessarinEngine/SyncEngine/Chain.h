@@ -15,6 +15,10 @@
 
 namespace SyncEngine {
 
+// Two anchors of one device may overlap by this much and still both be believed: clip lengths and
+// clock rounding are not exact to the frame.
+constexpr double kChainSlack = 3.0;
+
 // How a clip got its position: from audio, by a clip clock, or by durations alone.
 enum class Placement { matched, clock, interp };
 
@@ -41,12 +45,16 @@ using SetClip = std::function<void(int ci, double pos, Placement how)>;
 // Keeps the anchors (ascending, all keys of posOf) and places every other clip of 0..<count by
 // the clock of a neighbouring anchor where it fits, else spread between the anchors or butt-joined.
 // `clock` gives the trusted date of a clip or nothing; `base` is used only without anchors.
-// Returns how many clips were laid by clock and how many otherwise; anchors are not counted.
+// `device` numbers the recording device of a clip where a chain joins several (cameras that share
+// a file numbering): an anchor is pushed clear only of the anchors of its own device. Without it
+// the chain is one device's clips. Returns how many clips were laid by clock and how many
+// otherwise; anchors are not counted.
 ChainCounts layoutChain(const std::vector<int>& anchors,
                         const std::unordered_map<int, double>& posOf,
                         const std::function<double(int)>& dur,
                         const std::function<std::optional<Date>(int)>& clock,
-                        const SetClip& setClip, double base, int count);
+                        const SetClip& setClip, double base, int count,
+                        const std::function<int(int)>& device = {});
 
 // Where an unanchored clip sits between its anchored neighbours, in words; nothing without any.
 std::optional<std::string> neighbourNote(int i, const std::vector<int>& anchors,

@@ -2,17 +2,10 @@
 #include "TessarinEngine/SyncEngine/TaskGroup.h"
 
 #include <algorithm>
+#include <map>
 #include <numeric>
 
 namespace SyncEngine {
-
-namespace {
-
-// Two anchors may overlap by this much and still both be believed: clip lengths and clock
-// rounding are not exact to the frame.
-constexpr double kChainSlack = 3.0;
-
-} // namespace
 
 void ChainState::init(const Run& run, std::vector<ClipRef> chainRefs) {
     refs = std::move(chainRefs);
@@ -112,6 +105,15 @@ void ChainState::placeAnchor(Run& run, int i, Match m, const std::string& kind) 
 
 ChainCounts ChainState::layout(Run& run) {
     const std::vector<int> anchors(placed.begin(), placed.end());
+    // A track is one device, and tracks that name the same device (one camera's cards) are one.
+    std::map<std::string, int> deviceIds;
+    std::vector<int> deviceOf;
+    for (const auto& r : refs) {
+        const auto& track = run.sources[r.si];
+        const auto key = track.deviceName ? "=" + *track.deviceName : "#" + std::to_string(r.si);
+        deviceOf.push_back(
+            deviceIds.emplace(key, static_cast<int>(deviceIds.size())).first->second);
+    }
     const auto counts = layoutChain(
         anchors, posOf, [&](int i) { return clips[i].duration; },
         [&](int i) -> std::optional<Date> {
@@ -122,7 +124,7 @@ ChainCounts ChainState::layout(Run& run) {
             return std::nullopt;
         },
         [&](int i, double pos, Placement how) { setClip(run, i, pos, how); }, run.baseOffset,
-        static_cast<int>(clips.size()));
+        static_cast<int>(clips.size()), [&](int i) { return deviceOf[i]; });
     for (int i = 0; i < static_cast<int>(clips.size()); ++i) {
         if (!placed.contains(i)) {
             run.clip(refs[i]).placementNote =

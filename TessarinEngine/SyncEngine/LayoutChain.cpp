@@ -185,7 +185,8 @@ ChainCounts layoutChain(const std::vector<int>& anchors,
                         const std::unordered_map<int, double>& posOf,
                         const std::function<double(int)>& dur,
                         const std::function<std::optional<Date>(int)>& clock,
-                        const SetClip& setClip, double base, int count) {
+                        const SetClip& setClip, double base, int count,
+                        const std::function<int(int)>& device) {
     Layout layout{posOf, dur, clock, setClip, {}};
     if (count <= 0) {
         return {};
@@ -227,14 +228,22 @@ ChainCounts layoutChain(const std::vector<int>& anchors,
         layout.fill(0, a, posOf.at(a) - before, posOf.at(a), std::nullopt, a);
     }
     setClip(a, posOf.at(a), Placement::matched);
+    // One device records one clip at a time, so an anchor that overlaps the last anchor of its own
+    // device is pushed to touch it. The devices of a chain that joins several run side by side:
+    // their overlaps were heard in their audio, and stay.
+    const auto deviceOf = [&](int i) {
+        return device ? device(i) : 0;
+    };
+    std::unordered_map<int, double> deviceEnd{{deviceOf(a), posOf.at(a) + dur(a)}};
     int p = a;
     double laid = posOf.at(a);
     for (std::size_t k = 1; k < anchors.size(); ++k) {
         const int b = anchors[k];
-        // An anchor that overlaps its predecessor within the chain's slack is pushed to touch it.
-        const double q = std::max(posOf.at(b), laid + dur(p));
+        const auto end = deviceEnd.find(deviceOf(b));
+        const double q = end == deviceEnd.end() ? posOf.at(b) : std::max(posOf.at(b), end->second);
         layout.fill(p + 1, b, laid + dur(p), q, p, b);
         setClip(b, q, Placement::matched);
+        deviceEnd[deviceOf(b)] = q + dur(b);
         p = b;
         laid = q;
     }

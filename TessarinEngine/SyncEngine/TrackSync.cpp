@@ -9,7 +9,6 @@ namespace SyncEngine {
 
 namespace {
 
-constexpr double kChainSlack = 3.0;
 // Many clips over a long stretch of footage that all land in one short stretch of the pool have
 // found one loud passage (a generator, a song), not their places.
 constexpr std::size_t kHotSpotMinSeeds = 3;

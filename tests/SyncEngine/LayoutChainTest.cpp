@@ -26,6 +26,8 @@ struct ChainFixture {
     std::vector<double> durs;
     std::vector<std::optional<Date>> clocks;
     std::unordered_map<int, double> posOf;
+    // Recording device of each clip, where the chain joins several.
+    std::vector<int> devices;
     std::map<int, Laid> laid;
 
     ChainCounts lay(const std::vector<int>& anchors, double base = 0) {
@@ -35,7 +37,8 @@ struct ChainFixture {
             [&](int i, double pos, Placement how) {
                 laid[i] = Laid{pos, how};
             },
-            base, static_cast<int>(durs.size()));
+            base, static_cast<int>(durs.size()),
+            devices.empty() ? std::function<int(int)>{} : [&](int i) { return devices[i]; });
     }
 };
 
@@ -76,6 +79,19 @@ TEST(LayoutChain, AnchorsOverlappingWithinSlackArePushedToTouch) {
     EXPECT_DOUBLE_EQ(f.laid.at(0).pos, 0.0);
     EXPECT_DOUBLE_EQ(f.laid.at(1).pos, 100.0);
     EXPECT_EQ(f.laid.at(1).how, Placement::matched);
+}
+
+// Two cameras of one chain: camera 1's long take ran while camera 0 shot two clips. Audio put
+// them side by side, and there they stay; camera 0's second clip still clears its first.
+TEST(LayoutChain, AnchorsOfOtherDevicesRunSideBySide) {
+    ChainFixture f;
+    f.durs = {100, 60, 300};
+    f.devices = {0, 0, 1};
+    f.posOf = {{0, 1000.0}, {1, 1090.0}, {2, 995.0}};
+    f.lay({0, 1, 2});
+    EXPECT_DOUBLE_EQ(f.laid.at(0).pos, 1000.0);
+    EXPECT_DOUBLE_EQ(f.laid.at(1).pos, 1100.0);
+    EXPECT_DOUBLE_EQ(f.laid.at(2).pos, 995.0);
 }
 
 TEST(LayoutChain, ClipsBetweenAnchorsShareTheFreeTimeInEqualGaps) {
