@@ -123,10 +123,6 @@ int findRoot(std::vector<int>& parent, int x) {
     return x;
 }
 
-} // namespace
-
-namespace {
-
 // Visits, longest first, every long take that is still unplaced and has room in its bracket.
 // False when the run was cancelled on the way.
 template <class Visit>
