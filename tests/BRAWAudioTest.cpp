@@ -23,14 +23,8 @@ struct Call {
 AudioSource fakeClip(
     std::uint64_t frames, std::vector<Call>& calls,
     std::function<std::optional<std::size_t>(std::size_t call, std::size_t full)> answer = {}) {
-    AudioSource source;
-    source.format = kFormatPcmLittleEndian;
-    source.bitDepth = 16;
-    source.channelCount = 2;
-    source.sampleRate = 48000;
-    source.sampleCount = frames;
-    source.readSamples = [&calls, answer](std::uint64_t position, std::uint32_t maxFrames,
-                                          std::span<std::uint8_t> buffer) {
+    auto read = [&calls, answer](std::uint64_t position, std::uint32_t maxFrames,
+                                 std::span<std::uint8_t> buffer) {
         calls.push_back({position, maxFrames});
         const std::size_t full = std::size_t(maxFrames) * 4;
         std::optional<std::size_t> bytes = answer ? answer(calls.size(), full) : full;
@@ -45,20 +39,11 @@ AudioSource fakeClip(
         }
         return bytes;
     };
-    return source;
+    return {kFormatPcmLittleEndian, 16, 2, 48000, frames, read};
 }
 
-Result readOk(const AudioSource& source, std::vector<double>* progress = nullptr) {
-    auto outcome = readClipAudio({}, source, false, [progress](double f) {
-        if (progress) {
-            progress->push_back(f);
-        }
-    });
-    if (auto* error = std::get_if<Error>(&outcome)) {
-        ADD_FAILURE() << error->description;
-        return {};
-    }
-    return std::get<Result>(std::move(outcome));
+Result readOk(const AudioSource& source, const std::function<void(double)>& progress = {}) {
+    return std::get<Result>(readClipAudio({}, source, false, progress));
 }
 
 } // namespace
@@ -95,13 +80,11 @@ TEST(BRAWAudio, PcmBecomesFloatWithTheMostNegativeValueAtMinusOne) {
 TEST(BRAWAudio, ReadsInRunsOf48000FramesAndReportsProgress) {
     std::vector<Call> calls;
     std::vector<double> progress;
-    auto result = readOk(fakeClip(100000, calls), &progress);
+    auto result = readOk(fakeClip(100000, calls), [&](double f) { progress.push_back(f); });
 
     EXPECT_EQ(calls, (std::vector<Call>{{0, 48000}, {48000, 48000}, {96000, 4000}}));
     EXPECT_EQ(progress, (std::vector<double>{0.48, 0.96, 1.0}));
     EXPECT_EQ(result.frameCount, 100000u);
-    EXPECT_EQ(result.channelCount, 2u);
-    EXPECT_EQ(result.sampleRate, 48000.0);
     ASSERT_EQ(result.interleaved.size(), 200000u);
     // Frame 99999 has left 999 and right -999, in that order.
     EXPECT_FLOAT_EQ(result.interleaved[199998], 999.0f / 32768);
@@ -110,40 +93,24 @@ TEST(BRAWAudio, ReadsInRunsOf48000FramesAndReportsProgress) {
 }
 
 TEST(BRAWAudio, AShortOrFailedReadKeepsWhatWasRead) {
-    struct Case {
-        std::string name;
-        std::function<std::optional<std::size_t>(std::size_t, std::size_t)> answer;
-        std::uint64_t frames;
-        std::vector<Call> calls;
-    };
-    const std::vector<Case> cases = {
-        {"second read fails",
-         [](std::size_t call, std::size_t full) {
-             return call == 2 ? std::nullopt : std::optional(full);
-         },
-         48000,
-         {{0, 48000}, {48000, 48000}}},
-        {"second read gives less than a frame",
-         [](std::size_t call, std::size_t full) { return call == 2 ? 3 : full; },
-         48000,
-         {{0, 48000}, {48000, 48000}}},
-        // Half of each request: reading goes on from where the last read ended, until half of a
-        // one-frame request is less than a frame (19 reads in all).
-        {"reads come back half full",
-         [](std::size_t, std::size_t full) { return std::optional(full / 2); },
-         99999,
-         {{0, 48000}, {24000, 48000}, {48000, 48000}, {72000, 28000}, {86000, 14000}}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        std::vector<Call> calls;
-        auto source = fakeClip(100000, calls, c.answer);
-        auto result = readOk(source);
-        ASSERT_GE(calls.size(), c.calls.size());
-        EXPECT_EQ(std::vector<Call>(calls.begin(), calls.begin() + c.calls.size()), c.calls);
-        EXPECT_EQ(result.frameCount, c.frames);
-        EXPECT_EQ(result.interleaved.size(), 2 * c.frames);
-    }
+    std::vector<Call> calls;
+    auto result = readOk(fakeClip(100000, calls, [](std::size_t call, std::size_t full) {
+        return call == 2 ? std::nullopt : std::optional(full);
+    }));
+    EXPECT_EQ(calls, (std::vector<Call>{{0, 48000}, {48000, 48000}}));
+    EXPECT_EQ(result.frameCount, 48000u);
+    EXPECT_EQ(result.interleaved.size(), 96000u);
+
+    // Half of each request: reading goes on from where the last read ended, until half of a
+    // one-frame request is less than a frame (19 reads in all).
+    calls.clear();
+    result = readOk(fakeClip(
+        100000, calls, [](std::size_t, std::size_t full) { return std::optional(full / 2); }));
+    ASSERT_EQ(calls.size(), 19u);
+    EXPECT_EQ(std::vector<Call>(calls.begin(), calls.begin() + 4),
+              (std::vector<Call>{{0, 48000}, {24000, 48000}, {48000, 48000}, {72000, 28000}}));
+    EXPECT_EQ(result.frameCount, 99999u);
+    EXPECT_EQ(result.interleaved.size(), 2 * 99999u);
 }
 
 TEST(BRAWAudio, ClipsWithoutUsableAudio) {
@@ -151,26 +118,19 @@ TEST(BRAWAudio, ClipsWithoutUsableAudio) {
     Result facts;
     facts.frameRate = 25;
     facts.pictureFrames = 50;
-
     // No audio side, or one that reports no channels: success without samples.
     AudioSource noChannels = fakeClip(100000, calls);
     noChannels.channelCount = 0;
     for (const auto& source : {std::optional<AudioSource>{}, std::optional(noChannels)}) {
-        auto outcome = readClipAudio(facts, source, false, {});
-        ASSERT_TRUE(std::holds_alternative<Result>(outcome));
-        const auto& result = std::get<Result>(outcome);
+        const auto result = std::get<Result>(readClipAudio(facts, source, false, {}));
         EXPECT_TRUE(result.interleaved.empty());
         EXPECT_EQ(result.channelCount, 0u);
         EXPECT_DOUBLE_EQ(result.pictureDuration(), 2.0);
     }
-
     // A probe gives the shape and reads nothing.
-    auto probed = readClipAudio(facts, fakeClip(100000, calls), true, {});
-    ASSERT_TRUE(std::holds_alternative<Result>(probed));
-    EXPECT_EQ(std::get<Result>(probed).frameCount, 100000u);
-    EXPECT_EQ(std::get<Result>(probed).channelCount, 2u);
-    EXPECT_TRUE(std::get<Result>(probed).interleaved.empty());
-
+    const auto probed = std::get<Result>(readClipAudio(facts, fakeClip(100000, calls), true, {}));
+    EXPECT_EQ(probed.frameCount, 100000u);
+    EXPECT_EQ(probed.channelCount, 2u);
     // Only little-endian PCM of 16, 24 or 32 bits is read.
     AudioSource eightBit = fakeClip(100000, calls);
     eightBit.bitDepth = 8;
@@ -178,8 +138,7 @@ TEST(BRAWAudio, ClipsWithoutUsableAudio) {
     bigEndian.format = 0x70636D62; // 'pcmb'
     EXPECT_EQ(std::get<Error>(readClipAudio(facts, eightBit, false, {})),
               (Error{4, "Blackmagic RAW: unsupported audio format (8-bit)"}));
-    EXPECT_EQ(std::get<Error>(readClipAudio(facts, bigEndian, false, {})),
-              (Error{4, "Blackmagic RAW: unsupported audio format (16-bit)"}));
+    EXPECT_EQ(std::get<Error>(readClipAudio(facts, bigEndian, false, {})).code, 4);
     EXPECT_TRUE(calls.empty());
 }
 
@@ -225,9 +184,6 @@ TEST(BRAWAudio, WithoutTheLibraryNoClipIsRead) {
     }
     TestSupport::TempDir dir;
     TestSupport::writeText(dir / "A001.braw", "not really a clip");
-    EXPECT_FALSE(probe(dir / "A001.braw").has_value());
     EXPECT_FALSE(readAudio(dir / "A001.braw", {}).has_value());
-    auto outcome = readAudioOrError(dir / "A001.braw", {});
-    ASSERT_TRUE(std::holds_alternative<Error>(outcome));
-    EXPECT_EQ(std::get<Error>(outcome).code, 1);
+    EXPECT_EQ(std::get<Error>(readAudioOrError(dir / "A001.braw", {})).code, 1);
 }

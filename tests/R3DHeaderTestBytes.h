@@ -39,6 +39,7 @@ inline Rec real(std::uint8_t tag, float v, std::uint8_t type = 32) {
     return be32Rec(type, tag, bits);
 }
 
+// A record of a tag no reader knows.
 inline Rec filler() {
     return {0, 0, {}};
 }

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
@@ -42,8 +41,5 @@ Chunk bext(const Bext& fields);
 Chunk bextTruncated(const Bext& fields, std::size_t length);
 
 Chunk text(const std::string& id, const std::string& content);
-
-Bytes toBytes(const std::string& text);
-void writeFile(const std::filesystem::path& file, const Bytes& bytes);
 
 } // namespace RiffWriter
