@@ -2,32 +2,15 @@
 
 #include "tests/support/TestSupport.h"
 
+#include <algorithm>
+#include <bit>
 #include <cmath>
-#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <random>
 #include <stdexcept>
 
 namespace MediaFixtures {
-
-namespace {
-
-void putU16(std::vector<std::uint8_t>& out, std::uint32_t v) {
-    out.push_back(static_cast<std::uint8_t>(v));
-    out.push_back(static_cast<std::uint8_t>(v >> 8));
-}
-
-void putU32(std::vector<std::uint8_t>& out, std::uint32_t v) {
-    putU16(out, v & 0xFFFF);
-    putU16(out, v >> 16);
-}
-
-void putTag(std::vector<std::uint8_t>& out, const char* tag) {
-    out.insert(out.end(), tag, tag + 4);
-}
-
-} // namespace
 
 void runFfmpeg(const std::vector<std::string>& args) {
     std::vector<std::string> argv = {"ffmpeg", "-nostdin", "-v", "error", "-y"};
@@ -48,37 +31,41 @@ void writeWav(const std::filesystem::path& file, std::span<const float> interlea
               const WavOptions& options) {
     const bool isFloat = options.format == WavSampleFormat::float32;
     const std::uint32_t bytesPerSample = isFloat ? 4 : 2;
-    std::vector<std::uint8_t> data;
-    for (float v : interleaved) {
-        if (isFloat) {
-            std::uint32_t bits;
-            static_assert(sizeof bits == sizeof v);
-            std::memcpy(&bits, &v, sizeof v);
-            putU32(data, bits);
-        } else {
-            const float clipped = std::fmax(-1.0f, std::fmin(1.0f, v));
-            putU16(data, static_cast<std::uint16_t>(
-                             static_cast<std::int16_t>(std::lround(clipped * 32767.0f))));
-        }
-    }
     const auto channels = static_cast<std::uint32_t>(options.channels);
     const auto rate = static_cast<std::uint32_t>(options.rateHz);
+    const auto dataBytes = static_cast<std::uint32_t>(interleaved.size() * bytesPerSample);
     std::vector<std::uint8_t> out;
-    putTag(out, "RIFF");
-    putU32(out, options.claimedRiffBytes.value_or(
-                    static_cast<std::uint32_t>(4 + 8 + 16 + 8 + data.size())));
-    putTag(out, "WAVE");
-    putTag(out, "fmt ");
-    putU32(out, 16);
-    putU16(out, isFloat ? 3 : 1);
-    putU16(out, channels);
-    putU32(out, rate);
-    putU32(out, rate * channels * bytesPerSample);
-    putU16(out, channels * bytesPerSample);
-    putU16(out, bytesPerSample * 8);
-    putTag(out, "data");
-    putU32(out, options.claimedDataBytes.value_or(static_cast<std::uint32_t>(data.size())));
-    out.insert(out.end(), data.begin(), data.end());
+    // Little-endian fields of 2 or 4 bytes, and four-letter tags.
+    auto put = [&](std::uint32_t v, int bytes) {
+        for (int i = 0; i < bytes; ++i) {
+            out.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
+        }
+    };
+    auto tag = [&](const char* t) {
+        out.insert(out.end(), t, t + 4);
+    };
+    tag("RIFF");
+    put(4 + 8 + 16 + 8 + dataBytes, 4);
+    tag("WAVE");
+    tag("fmt ");
+    put(16, 4);
+    put(isFloat ? 3 : 1, 2);
+    put(channels, 2);
+    put(rate, 4);
+    put(rate * channels * bytesPerSample, 4);
+    put(channels * bytesPerSample, 2);
+    put(bytesPerSample * 8, 2);
+    tag("data");
+    put(dataBytes, 4);
+    for (float v : interleaved) {
+        if (isFloat) {
+            put(std::bit_cast<std::uint32_t>(v), 4);
+        } else {
+            put(static_cast<std::uint16_t>(
+                    static_cast<std::int16_t>(std::lround(std::clamp(v, -1.0f, 1.0f) * 32767.0f))),
+                2);
+        }
+    }
     writeBytes(file, out);
 }
 

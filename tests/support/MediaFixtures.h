@@ -2,13 +2,12 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
 // Test media made at test time: through the ffmpeg program for containers and codecs, and a small
-// WAV writer for exact samples and broken headers.
+// WAV writer for exact samples.
 namespace MediaFixtures {
 
 // Runs `ffmpeg -nostdin -v error -y` with the arguments; throws with its error output on failure.
@@ -24,9 +23,6 @@ struct WavOptions {
     int rateHz = 16000;
     int channels = 1;
     WavSampleFormat format = WavSampleFormat::pcm16;
-    // Sizes written in the headers instead of the true ones, to make lying files.
-    std::optional<std::uint32_t> claimedRiffBytes;
-    std::optional<std::uint32_t> claimedDataBytes;
 };
 
 // Writes interleaved samples (-1...1) as a RIFF WAVE file.
