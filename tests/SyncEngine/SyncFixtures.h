@@ -2,7 +2,9 @@
 
 #include "TessarinEngine/SpectralBands.h"
 #include "TessarinEngine/SyncEngine.h"
+#include "TessarinEngine/SyncEngine/Run.h"
 #include "TessarinEngine/TrackModels.h"
+#include "tests/support/TestSupport.h"
 
 #include <algorithm>
 #include <cmath>
@@ -12,6 +14,8 @@
 #include <vector>
 
 namespace SyncFixtures {
+
+using Sound = std::vector<std::vector<float>>;
 
 // A feature of `frames` frames whose bands hold nothing but zeros: long enough to count as
 // hearable for the track rules, useless for matching.
@@ -41,27 +45,31 @@ inline TrackSource makeTrack(const std::string& name, SourceType type, std::vect
     return track;
 }
 
+inline TrackSource audioTrack(const std::string& name, std::vector<ClipItem> clips) {
+    return makeTrack(name, SourceType::audio, std::move(clips));
+}
+
+inline TrackSource videoTrack(const std::string& name, std::vector<ClipItem> clips) {
+    return makeTrack(name, SourceType::video, std::move(clips));
+}
+
 // A camera track: clips of `durations`, each with a short flat feature, so that it counts as a
 // long, hearable camera once a clip reaches 60 s, yet never matches anything.
 inline TrackSource makeCamera(const std::string& name, const std::vector<double>& durations) {
     std::vector<ClipItem> clips;
-    int n = 0;
     for (double d : durations) {
-        auto clip = makeClip(name + "_" + std::to_string(n++), d);
-        clip.url.replace_extension(".mov");
-        clip.bandFeature = flatFeature(std::min(static_cast<int>(d * 25), 100));
-        clips.push_back(clip);
+        clips.push_back(makeClip(name + "_" + std::to_string(clips.size()), d));
+        clips.back().bandFeature = flatFeature(std::min(static_cast<int>(d * 25), 100));
     }
-    return makeTrack(name, SourceType::video, std::move(clips));
+    return videoTrack(name, std::move(clips));
 }
 
 inline TrackSource makeRecorder(const std::string& name, const std::vector<double>& durations) {
     std::vector<ClipItem> clips;
-    int n = 0;
     for (double d : durations) {
-        clips.push_back(makeClip(name + "_" + std::to_string(n++), d));
+        clips.push_back(makeClip(name + "_" + std::to_string(clips.size()), d));
     }
-    return makeTrack(name, SourceType::audio, std::move(clips));
+    return audioTrack(name, std::move(clips));
 }
 
 // What the engine reported through its callbacks.
@@ -81,22 +89,36 @@ struct Reports {
     }
 };
 
-// Runs the engine with callbacks that record what it reports.
 inline std::vector<TrackSource> runEngine(std::vector<TrackSource> tracks,
-                                          Reports* reports = nullptr,
-                                          const std::atomic<bool>* cancel = nullptr) {
+                                          Reports* reports = nullptr) {
     Reports local;
     Reports& r = reports ? *reports : local;
-    return SyncEngine::synchronise(std::move(tracks), r.onProgress(), r.onPlace(), cancel);
+    return SyncEngine::synchronise(std::move(tracks), r.onProgress(), r.onPlace(), nullptr);
+}
+
+inline const SyncEngine::ProgressCallback noProgress;
+inline const SyncEngine::PlaceCallback noPlace;
+
+// A run whose one region holds every clip, with track 0 as its reference.
+inline SyncEngine::Run regionRun(std::vector<TrackSource> tracks) {
+    SyncEngine::Run run(std::move(tracks), noProgress, noPlace, nullptr);
+    std::vector<ClipRef> refs;
+    for (int si = 0; si < static_cast<int>(run.sources.size()); ++si) {
+        for (int ci = 0; ci < static_cast<int>(run.sources[si].clips.size()); ++ci) {
+            refs.push_back(ClipRef{si, ci});
+        }
+    }
+    SyncEngine::beginRegion(run, "default", refs);
+    run.region.refTrack = 0;
+    return run;
 }
 
 // Band curves of a made-up shoot: each band is smoothed noise (0 leaves it white), so that any
 // stretch of a few seconds is unlike every other stretch.
-inline std::vector<std::vector<float>> randomBands(int frames, unsigned seed,
-                                                   float smoothing = 0.6f) {
+inline Sound randomBands(int frames, unsigned seed, float smoothing = 0.6f) {
     std::mt19937 rng(seed);
     std::normal_distribution<float> noise(0.0f, 1.0f);
-    std::vector<std::vector<float>> bands(8, std::vector<float>(static_cast<std::size_t>(frames)));
+    Sound bands(8, std::vector<float>(static_cast<std::size_t>(frames)));
     for (auto& band : bands) {
         float level = 0;
         for (auto& v : band) {
@@ -108,8 +130,8 @@ inline std::vector<std::vector<float>> randomBands(int frames, unsigned seed,
 }
 
 // Frames [from, from + count) of `bands`, with a little noise of its own, as a feature.
-inline SpectralBands::Feature cutFeature(const std::vector<std::vector<float>>& bands, int from,
-                                         int count, unsigned seed, float noiseLevel = 0.3f) {
+inline SpectralBands::Feature cutFeature(const Sound& bands, int from, int count, unsigned seed,
+                                         float noiseLevel = 0.3f) {
     std::mt19937 rng(seed);
     std::normal_distribution<float> noise(0.0f, noiseLevel);
     SpectralBands::Feature::Bands out(8);
@@ -134,13 +156,24 @@ inline SpectralBands::Feature cutFeature(const std::vector<std::vector<float>>& 
     return SpectralBands::Feature(std::move(out), count);
 }
 
-// Whether the band search is in place: a stretch cut from a longer signal must be found in it.
-inline bool signalCoreReady() {
-    const auto bands = randomBands(2000, 7);
-    const auto whole = cutFeature(bands, 0, 2000, 1, 0.0f);
-    const auto part = cutFeature(bands, 500, 500, 2, 0.0f);
-    const auto found = SpectralBands::peaks(part, whole, -1e9, 1e9, 8.0, 1, 0.5);
-    return !found.empty() && std::abs(found.front().offsetSeconds - 20.0) < 0.05;
+// A clip that heard seconds [from, from + dur) of `sound`.
+inline ClipItem heardClip(const Sound& sound, const std::string& name, double from, double dur,
+                          unsigned seed, std::optional<Date> date = std::nullopt) {
+    auto clip = makeClip(name, dur, date);
+    clip.bandFeature = cutFeature(sound, static_cast<int>(std::lround(from * 25)),
+                                  static_cast<int>(std::lround(dur * 25)), seed);
+    return clip;
+}
+
+inline std::vector<std::string> linesWith(const TestSupport::LogCapture& log,
+                                          const std::string& fragment) {
+    std::vector<std::string> out;
+    for (const auto& line : log.lines()) {
+        if (line.find(fragment) != std::string::npos) {
+            out.push_back(line);
+        }
+    }
+    return out;
 }
 
 } // namespace SyncFixtures

@@ -1,4 +1,3 @@
-#include "TessarinEngine/SyncEngine/Run.h"
 #include "tests/SyncEngine/SyncFixtures.h"
 
 #include <gtest/gtest.h>
@@ -8,8 +7,6 @@ using namespace SyncFixtures;
 
 namespace {
 
-const ProgressCallback noProgress;
-const PlaceCallback noPlace;
 constexpr Date kEpoch = 1.7e9;
 
 PoolSpan tcSpan(double off, std::optional<double> startTC) {
@@ -20,23 +17,21 @@ PoolSpan tcSpan(double off, std::optional<double> startTC) {
     return span;
 }
 
-// A region whose epoch is kEpoch, standing at timeline position 100, with the reference "Ref".
-struct WindowFixture {
-    Run run;
+// A run whose region has the epoch kEpoch, stands at timeline position 100 and has the
+// reference "Ref"; track 1 is a recorder, track 2 a camera.
+Run windowRun() {
+    Run run({makeRecorder("Ref", {60}), makeRecorder("Rec", {60}), makeCamera("Cam", {60})},
+            noProgress, noPlace, nullptr);
+    run.region.refTrack = 0;
+    run.region.regionEpoch = kEpoch;
+    run.baseOffset = 100;
+    return run;
+}
 
-    WindowFixture()
-        : run({makeRecorder("Ref", {60}), makeRecorder("Rec", {60}), makeCamera("Cam", {60})},
-              noProgress, noPlace, nullptr) {
-        run.region.refTrack = 0;
-        run.region.regionEpoch = kEpoch;
-        run.baseOffset = 100;
-    }
-
-    ClipItem dated(double afterEpoch, ClockQuality quality) const {
-        auto clip = makeClip("x", 60, kEpoch + afterEpoch, quality);
-        return clip;
-    }
-};
+// A clip whose clock says it began 500 s after the epoch.
+ClipItem datedClip(ClockQuality quality = ClockQuality::embedded) {
+    return makeClip("x", 60, kEpoch + 500, quality);
+}
 
 } // namespace
 
@@ -45,68 +40,50 @@ TEST(WindowMatching, ClockWindowDependsOnTheSourceOfThePrior) {
         const char* name;
         int si;
         ClockQuality quality;
-        bool textOffset;
+        std::optional<double> textOffset;
         Window expected;
     };
+    using enum ClockQuality;
     const std::vector<Case> cases = {
-        {"embedded clock of a recorder", 1, ClockQuality::embedded, false, {-300, 1500}},
-        {"clock from the file name", 1, ClockQuality::filename, false, {-750, 1950}},
-        {"asset date is no prior", 1, ClockQuality::asset, false, {}},
-        {"cameras get none, whatever their clock", 2, ClockQuality::embedded, false, {}},
-        {"a text offset to the reference goes first",
-         1,
-         ClockQuality::embedded,
-         true,
-         {100 - 40 - 360, 100 - 40 + 360}},
+        {"embedded clock of a recorder", 1, embedded, {}, {-300, 1500}},
+        {"clock from the file name", 1, filename, {}, {-750, 1950}},
+        {"asset date is no prior", 1, asset, {}, {}},
+        {"cameras get none, whatever their clock", 2, embedded, {}, {}},
+        // 360 s around the offset, from where the region stands.
+        {"a text offset to the reference goes first", 1, embedded, 40.0, {-300, 420}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        WindowFixture f;
+        auto run = windowRun();
         if (c.textOffset) {
-            f.run.sources[1].textSyncOffsetByPeer["Ref"] = 40;
+            run.sources[1].textSyncOffsetByPeer["Ref"] = *c.textOffset;
         }
-        EXPECT_EQ(clockWindow(f.run, c.si, f.dated(500, c.quality)), c.expected);
+        EXPECT_EQ(clockWindow(run, c.si, datedClip(c.quality)), c.expected);
     }
-    {
-        SCOPED_TRACE("no region epoch");
-        WindowFixture f;
-        f.run.region.regionEpoch.reset();
-        EXPECT_EQ(clockWindow(f.run, 1, f.dated(500, ClockQuality::embedded)), Window{});
-    }
-}
-
-TEST(WindowMatching, TimecodeWindowSpansEveryCandidate) {
-    auto clip = makeClip("x", 60);
-    clip.startTimecode = 100;
-    EXPECT_EQ(tcWindow(clip, {tcSpan(0, 0), tcSpan(500, std::nullopt), tcSpan(1000, 0)}),
-              (Window{98.5, 1101.5}));
-    EXPECT_EQ(tcWindow(clip, {tcSpan(0, std::nullopt)}), std::nullopt);
-    EXPECT_EQ(tcWindow(clip, {}), std::nullopt);
-    clip.startTimecode.reset();
-    EXPECT_EQ(tcWindow(clip, {tcSpan(0, 0)}), std::nullopt);
+    auto run = windowRun();
+    run.region.regionEpoch.reset();
+    EXPECT_EQ(clockWindow(run, 1, datedClip()), Window{});
 }
 
 TEST(WindowMatching, TimecodeNarrowsTheClockUnlessTheyContradict) {
-    WindowFixture f;
-    auto clip = f.dated(500, ClockQuality::embedded); // clock window -300...1500
+    const auto run = windowRun();
+    auto clip = datedClip(); // clock window -300...1500
     clip.startTimecode = 3600;
     struct Case {
         const char* name;
+        int si;
         double spanOff;
         Window expected;
     };
     const std::vector<Case> cases = {
-        {"inside the clock window", 0, {598.5, 601.5}},
-        {"overlapping its end", 900, {1498.5, 1500}},
-        {"wholly outside: the clock stands", 5000, {-300, 1500}},
+        {"inside the clock window", 1, 0, {598.5, 601.5}},
+        {"overlapping its end", 1, 900, {1498.5, 1500}},
+        {"wholly outside: the clock stands", 1, 5000, {-300, 1500}},
+        {"a camera has only its timecode", 2, 0, {598.5, 601.5}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        EXPECT_EQ(jobWindow(f.run, 1, clip, {tcSpan(c.spanOff, 3000)}), c.expected);
-    }
-    {
-        SCOPED_TRACE("a camera has only its timecode");
-        EXPECT_EQ(jobWindow(f.run, 2, clip, {tcSpan(0, 3000)}), (Window{598.5, 601.5}));
+        EXPECT_EQ(jobWindow(run, c.si, clip, {tcSpan(c.spanOff, 3000)}), c.expected);
     }
 }
 
@@ -133,26 +110,9 @@ TEST(WindowMatching, TimecodeCheckToleratesTwoFrames) {
         checkTimecode(clip, c.pos, {tcSpan(0, 3000), tcSpan(2000, 3000), tcSpan(5, std::nullopt)});
         EXPECT_EQ(clip.tcDisagrees, c.disagrees);
     }
-    auto clip = makeClip("x", 60);
-    checkTimecode(clip, 0, {tcSpan(0, 3000)});
-    EXPECT_FALSE(clip.tcDisagrees);
-}
-
-TEST(WindowMatching, ScoresGiveStatusesAtInclusiveLimits) {
-    EXPECT_EQ(statusForScore(7.0f), SyncStatus::synced);
-    EXPECT_EQ(statusForScore(6.99f), SyncStatus::weak);
-    EXPECT_EQ(statusForScore(4.5f), SyncStatus::weak);
-    EXPECT_EQ(statusForScore(4.49f), SyncStatus::failed);
 }
 
 TEST(WindowMatching, VotesClusterAroundTheSeedThatGathersMost) {
-    const auto positions = [](const std::vector<Match>& votes) {
-        std::vector<double> out;
-        for (const auto& v : votes) {
-            out.push_back(v.pos);
-        }
-        return out;
-    };
     struct Case {
         const char* name;
         std::vector<double> votes;
@@ -170,44 +130,20 @@ TEST(WindowMatching, VotesClusterAroundTheSeedThatGathersMost) {
         for (double p : c.votes) {
             votes.push_back(Match{p, 8.0f});
         }
-        EXPECT_EQ(positions(largestCluster(votes, kVoteClusterRadius)), c.expected);
-    }
-}
-
-TEST(WindowMatching, WindowsOfAClipCutFromThePoolAgree) {
-    if (!signalCoreReady()) {
-        GTEST_SKIP() << "the band search returns no peaks yet";
-    }
-    const auto bands = randomBands(25 * 600, 21);
-    const std::vector<PoolSpan> pool = {PoolSpan{1000, 500, cutFeature(bands, 0, 25 * 500, 1),
-                                                 std::nullopt, ClockQuality::none, std::nullopt}};
-    struct Case {
-        const char* name;
-        double from;
-        double dur;
-    };
-    // 24.9 s is matched whole; 25 s and longer by three windows.
-    for (const auto& c : std::vector<Case>{
-             {"short", 40, 24.9}, {"three windows", 200, 100}, {"long windows", 300, 150}}) {
-        SCOPED_TRACE(c.name);
-        const auto feature =
-            cutFeature(bands, static_cast<int>(c.from * 25), static_cast<int>(c.dur * 25), 5);
-        const auto m = multiWindowMatch(feature, c.dur, -kWidest, kWidest, pool, false);
-        ASSERT_TRUE(m.has_value());
-        EXPECT_NEAR(m->pos, 1000 + c.from, 0.041);
-        EXPECT_GE(m->score, kStrongScore);
+        std::vector<double> kept;
+        for (const auto& v : largestCluster(votes, kVoteClusterRadius)) {
+            kept.push_back(v.pos);
+        }
+        EXPECT_EQ(kept, c.expected);
     }
 }
 
 TEST(WindowMatching, WindowsThatDisagreeNeedOneSingleStrongVote) {
-    if (!signalCoreReady()) {
-        GTEST_SKIP() << "the band search returns no peaks yet";
-    }
     // A 100 s clip has windows of 40 s at 0, 25 and 55 s. Only its first 25 s exist in the pool,
     // so the first window alone can find its place.
     const auto pooled = randomBands(25 * 600, 31);
     const auto foreign = randomBands(25 * 100, 32);
-    SpectralBands::Feature::Bands mixed(8);
+    Sound mixed(8);
     for (std::size_t b = 0; b < 8; ++b) {
         mixed[b].assign(pooled[b].begin() + 25 * 300, pooled[b].begin() + 25 * 325);
         mixed[b].insert(mixed[b].end(), foreign[b].begin() + 25 * 25, foreign[b].end());
