@@ -28,60 +28,35 @@ std::vector<std::string> clipNames(const TrackSource& t) {
 
 TEST(IngestEngine, TrackNamesClimbGenericFolders) {
     const std::pair<const char*, const char*> cases[] = {
-        {"/shoot/A_CAM/DCIM/100MEDIA", "A_CAM"},
         {"/shoot/A_CAM/DCIM/100MEDIA/", "A_CAM"},
-        {"/shoot/Day 1/Media/Video/001", "Day 1"},
+        // A clip folder takes its card's name, but names itself inside any other folder.
         {"/shoot/CARD 2/CLIPS001", "CARD 2"},
         {"/shoot/Interview/CLIPS", "CLIPS"},
-        {"/shoot/CAM_B/PRIVATE/M4ROOT/CLIP", "CLIP"},
-        {"/shoot/A001_0305XY.RDM", "A001_0305XY"},
+        {"/shoot/CLIPS A", "CLIPS A"},
         {"/shoot/b002.rdm", "b002"},
         {"/Footage", "Footage"},
-        {"/shoot/Sound Roll 4", "Sound Roll 4"},
         {"/shoot/Zoom/take.wav", "take.wav"},
     };
     for (const auto& [hint, name] : cases) {
-        SCOPED_TRACE(hint);
-        EXPECT_EQ(IngestEngine::trackName(hint), name);
-    }
-    for (const char* generic : {"101gopro", "clip", "2024"}) {
-        EXPECT_TRUE(IngestEngine::isGenericFolder(generic)) << generic;
-    }
-    for (const char* meaningful : {"A_CAM", "Day1", "1st unit", "CLIPS A", "Sound"}) {
-        EXPECT_FALSE(IngestEngine::isGenericFolder(meaningful)) << meaningful;
+        EXPECT_EQ(IngestEngine::trackName(hint), name) << hint;
     }
 }
 
 TEST(IngestEngine, UniqueNamesAreCutAndNumbered) {
-    const std::string fifty(50, 'n');
     // "é" as e with a combining accent is one character of two code points.
-    auto accented = [](int n) {
-        std::string out;
-        for (int i = 0; i < n; ++i) {
-            out += "e\xCC\x81";
-        }
-        return out;
-    };
-    struct Case {
-        std::string preferred;
-        SourceType type;
-        std::vector<std::string> existing;
-        std::string expected;
-    };
-    const Case cases[] = {
-        {"Downloads", SourceType::video, {}, "CLIP"},
-        {"MEDIA", SourceType::audio, {}, "Mic"},
-        {"Desktop", SourceType::video, {"CLIP"}, "CLIP 2"},
-        {"Zoom", SourceType::audio, {"Zoom", "Zoom 2", "Zoom 4"}, "Zoom 3"},
-        {fifty, SourceType::video, {}, std::string(40, 'n')},
-        {fifty, SourceType::video, {std::string(40, 'n')}, std::string(40, 'n') + " 2"},
-        {accented(45), SourceType::video, {}, accented(40)},
-        {"A_CAM", SourceType::video, {"a_cam"}, "A_CAM"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.preferred);
-        EXPECT_EQ(IngestEngine::uniqueName(c.preferred, c.type, c.existing), c.expected);
+    std::string accented45;
+    for (int i = 0; i < 45; ++i) {
+        accented45 += "e\xCC\x81";
     }
+    const std::string forty(40, 'n');
+    using V = std::vector<std::string>;
+    EXPECT_EQ(IngestEngine::uniqueName("MEDIA", SourceType::audio, {}), "Mic");
+    EXPECT_EQ(IngestEngine::uniqueName("Desktop", SourceType::video, V{"CLIP"}), "CLIP 2");
+    EXPECT_EQ(IngestEngine::uniqueName("Zoom", SourceType::audio, V{"Zoom", "Zoom 2", "Zoom 4"}),
+              "Zoom 3");
+    EXPECT_EQ(IngestEngine::uniqueName(forty + "nnnnn", SourceType::video, V{forty}), forty + " 2");
+    EXPECT_EQ(IngestEngine::uniqueName(accented45, SourceType::video, {}),
+              accented45.substr(0, 40 * 3));
 }
 
 TEST(IngestEngine, CommonAncestorIsCutPerComponent) {
@@ -90,17 +65,12 @@ TEST(IngestEngine, CommonAncestorIsCutPerComponent) {
     EXPECT_EQ(IngestEngine::commonAncestorPath(V{"/a/b/c.wav"}), "/a/b");
     EXPECT_EQ(IngestEngine::commonAncestorPath(V{"/a/bc/x.wav", "/a/bd/y.wav"}), "/a");
     EXPECT_EQ(IngestEngine::commonAncestorPath(V{"/x/1.wav", "/y/2.wav"}), "/");
-    EXPECT_EQ(IngestEngine::commonAncestorPath(V{"/A/1.wav", "/a/2.wav"}), "/");
     EXPECT_EQ(IngestEngine::commonAncestorPath(V{"/a/1.wav", "/a/1.wav"}), "/a/1.wav");
 }
 
 TEST(IngestEngine, ChronologicalOrderIsNaturalThenByCreation) {
-    EXPECT_TRUE(IngestEngine::chronologicalOrder("/x/A2.mov", "/x/A10.mov"));
-    EXPECT_FALSE(IngestEngine::chronologicalOrder("/x/A10.mov", "/x/A2.mov"));
-    EXPECT_TRUE(IngestEngine::chronologicalOrder("/x/a2.mov", "/x/A3.mov"));
+    // Natural order of names first, whatever the folders.
     EXPECT_TRUE(IngestEngine::chronologicalOrder("/z/A3.mov", "/a/b4.mov"));
-    EXPECT_FALSE(IngestEngine::chronologicalOrder("/x/A.mov", "/y/A.mov"));
-
     // The same name in two folders: the file made first goes first, whatever the folders.
     TestSupport::TempDir dir;
     const auto older = touch(dir / "b" / "take.wav");
@@ -110,97 +80,55 @@ TEST(IngestEngine, ChronologicalOrderIsNaturalThenByCreation) {
     EXPECT_FALSE(IngestEngine::chronologicalOrder(newer, older));
 }
 
-TEST(IngestEngine, PureDropsShareTheirParentAsSessionAndSortClipsNaturally) {
+TEST(IngestEngine, FlatDropsBecomeNamedTracksAndSessions) {
     TestSupport::TempDir dir;
     const auto cam = dir / "shoot" / "A_CAM";
     const auto sound = dir / "shoot" / "Sound";
+    const auto day = dir / "Day1";
     std::vector<IngestItem> items;
     for (const char* f : {"C10.MP4", "c3.mp4", "C2.MP4"}) {
         items.push_back({touch(cam / "DCIM" / "100MEDIA" / f), cam});
     }
-    for (const char* f : {"T2.WAV", "T1.WAV", "notes.txt"}) {
+    // A name that is no text is left out with a log line.
+    for (const char* f : {"T2.WAV", "T1.WAV", "notes.txt", "bad\xff.wav"}) {
         items.push_back({touch(sound / f), sound});
     }
-    IngestEngine ingest;
-    const auto tracks = ingest.ingestFlat(items, {});
-    ASSERT_EQ(tracks.size(), 2u);
-    EXPECT_EQ(tracks[0].name, "A_CAM");
-    EXPECT_EQ(tracks[0].type, SourceType::video);
-    EXPECT_EQ(clipNames(tracks[0]), (std::vector<std::string>{"C2.MP4", "c3.mp4", "C10.MP4"}));
-    EXPECT_EQ(tracks[1].name, "Sound");
-    EXPECT_EQ(tracks[1].type, SourceType::audio);
-    EXPECT_EQ(clipNames(tracks[1]), (std::vector<std::string>{"notes.txt", "T1.WAV", "T2.WAV"}));
-    for (const auto& t : tracks) {
-        EXPECT_EQ(t.session, (dir / "shoot").string());
-        EXPECT_FALSE(t.lockedGrouping);
-    }
-    EXPECT_TRUE(ingest.completeShootSessions.empty());
-}
-
-TEST(IngestEngine, MixedDropIsACompleteShootOfItsOwn) {
-    TestSupport::TempDir dir;
-    const auto day = dir / "Day1";
-    const auto other = dir / "elsewhere" / "B_CAM";
-    IngestEngine ingest;
-    ingest.completeShootSessions = {"/earlier"};
-    TrackSource earlier;
-    earlier.name = "Old";
+    // Cameras and recorders in one drop make it a complete shoot of its own.
+    items.push_back({touch(day / "cam.mov"), day});
+    items.push_back({touch(day / "rec.wav"), day});
+    // Already on a track: not added again, and its group makes no track.
+    items.push_back({dir / "elsewhere" / "P.wav", dir / "elsewhere"});
+    TrackSource earlier, pending;
+    earlier.name = "Sound";
     earlier.session = "/earlier";
-    earlier.clips = {ClipItem(dir / "old" / "x.mov")};
-    TrackSource pending;
-    pending.name = "Pending";
+    earlier.clips = {ClipItem("/earlier/x.wav")};
     pending.session = "/whatever";
     pending.clips = {ClipItem(dir / "elsewhere" / "P.wav")};
+    IngestEngine ingest;
+    ingest.completeShootSessions = {"/earlier"};
 
-    const std::vector<IngestItem> items = {
-        {touch(day / "cam.mov"), day},
-        {touch(day / "rec.wav"), day},
-        {touch(other / "B1.mov"), other},
-        // Already on a track: not added again, and its group makes no track.
-        {dir / "elsewhere" / "P.wav", dir / "elsewhere"},
-    };
-    const auto tracks = ingest.ingestFlat(items, {earlier, pending});
-    ASSERT_EQ(tracks.size(), 4u);
-    EXPECT_EQ(tracks[0].session, "/earlier");
-    EXPECT_EQ(tracks[1].session, (dir / "elsewhere").string());
-    EXPECT_EQ(tracks[2].name, "Day1");
-    EXPECT_EQ(tracks[2].type, SourceType::video);
-    EXPECT_EQ(tracks[2].clips.size(), 2u);
-    EXPECT_EQ(tracks[2].session, day.string());
-    EXPECT_EQ(tracks[3].name, "B_CAM");
-    EXPECT_EQ(tracks[3].session, (dir / "elsewhere").string());
-    EXPECT_EQ(ingest.completeShootSessions, (std::set<std::string>{"/earlier", day.string()}));
-
-    EXPECT_EQ(ingest.ingestFlat({}, tracks), tracks);
-}
-
-TEST(IngestEngine, ForbiddenAndDuplicateFolderNames) {
-    TestSupport::TempDir dir;
-    const std::vector<IngestItem> items = {
-        {touch(dir / "1" / "Downloads" / "a.mov"), dir / "1" / "Downloads"},
-        {touch(dir / "2" / "Downloads" / "b.mov"), dir / "2" / "Downloads"},
-        {touch(dir / "3" / "Downloads" / "c.wav"), dir / "3" / "Downloads"},
-        {touch(dir / "4" / "Cam" / "d.mov"), dir / "4" / "Cam"},
-        {touch(dir / "5" / "Cam" / "e.mov"), dir / "5" / "Cam"},
-    };
-    const auto tracks = IngestEngine{}.ingestFlat(items, {});
-    std::vector<std::string> names;
-    for (const auto& t : tracks) {
-        names.push_back(t.name);
-    }
-    EXPECT_EQ(names, (std::vector<std::string>{"CLIP", "CLIP 2", "Mic", "Cam", "Cam 2"}));
-}
-
-TEST(IngestEngine, NamesThatAreNoTextAreSkippedWithALine) {
-    TestSupport::TempDir dir;
-    const auto bad = touch(dir / "card" / "bad\xff.wav");
-    const auto good = touch(dir / "card" / "good.wav");
     TestSupport::LogCapture log;
-    const auto tracks = IngestEngine{}.ingestFlat({{bad, dir / "card"}, {good, dir / "card"}}, {});
-    ASSERT_EQ(tracks.size(), 1u);
-    EXPECT_EQ(clipNames(tracks[0]), std::vector<std::string>{"good.wav"});
-    EXPECT_TRUE(log.contains("[Ingest] skipped a file whose name is not valid UTF-8: "));
-    EXPECT_TRUE(log.contains("bad\xEF\xBF\xBD.wav"));
+    const auto tracks = ingest.ingestFlat(items, {earlier, pending});
+    EXPECT_EQ(log.lines(), std::vector<std::string>{"[Ingest] skipped a file whose name is not "
+                                                    "valid UTF-8: " +
+                                                    (sound / "bad\xEF\xBF\xBD.wav").string()});
+    ASSERT_EQ(tracks.size(), 5u);
+    // Tracks outside complete shoots share the folder common to all their files.
+    const std::string shared = dir.path().string();
+    EXPECT_EQ(tracks[0].session, "/earlier");
+    EXPECT_EQ(tracks[1].session, shared);
+    EXPECT_EQ(tracks[2].name, "A_CAM");
+    EXPECT_EQ(tracks[2].type, SourceType::video);
+    EXPECT_EQ(tracks[2].session, shared);
+    EXPECT_EQ(clipNames(tracks[2]), (std::vector<std::string>{"C2.MP4", "c3.mp4", "C10.MP4"}));
+    EXPECT_EQ(tracks[3].name, "Sound 2");
+    EXPECT_EQ(tracks[3].type, SourceType::audio);
+    EXPECT_EQ(clipNames(tracks[3]), (std::vector<std::string>{"notes.txt", "T1.WAV", "T2.WAV"}));
+    EXPECT_EQ(tracks[4].name, "Day1");
+    EXPECT_EQ(tracks[4].type, SourceType::video);
+    EXPECT_EQ(tracks[4].session, day.string());
+    EXPECT_EQ(ingest.completeShootSessions, (std::set<std::string>{"/earlier", day.string()}));
+    EXPECT_EQ(ingest.ingestFlat({}, tracks), tracks);
 }
 
 TEST(IngestEngine, REDTakeOfTwoChunksBecomesOneClipCarriedByItsWAV) {
@@ -244,15 +172,10 @@ TEST(IngestEngine, REDTakeOfTwoChunksBecomesOneClipCarriedByItsWAV) {
     EXPECT_EQ(c.url, take1 / "A001_C001_0305XY.wav");
     EXPECT_EQ(c.pictureURL, take1 / "A001_C001_0305XY_001.R3D");
     EXPECT_EQ(c.pictureFrames, 200);
-    EXPECT_EQ(c.recordFrameRate, 25.0f);
-    EXPECT_EQ(c.conformFrameRate, 25.0f);
     EXPECT_DOUBLE_EQ(*c.pictureTimecode, 36000.0 + 12.0 / 25.0);
-    EXPECT_EQ(c.pixelWidth, 6144);
-    EXPECT_EQ(c.pixelHeight, 3240);
     // Without a WAV the picture carries the clip, and none of the picture fields are set.
     EXPECT_EQ(t.clips[1].url, take2 / "A001_C002_0305XY_001.R3D");
     EXPECT_FALSE(t.clips[1].pictureURL);
-    EXPECT_FALSE(t.clips[1].pixelWidth);
     EXPECT_EQ(log.lines(),
               std::vector<std::string>{
                   "[Ingest] RED: 3 chunk(s) → 2 take(s), 2 with a known picture length"});
