@@ -57,9 +57,7 @@ std::string fileName(const std::string& path) {
 // cache folder of its own.
 Outcome runShoot(const std::string& scenario, const TestSupport::TempDir& dir) {
     Outcome o;
-    auto gen = TestSupport::runProcess({"/usr/bin/python3",
-                                        std::string(TESSARIN_TESTS_DIR) + "/shoot/make_shoot.py",
-                                        (dir / "shoot").string(), "--scenario", scenario});
+    auto gen = TestSupport::makeShoot(dir / "shoot", scenario);
     EXPECT_EQ(gen.exitCode, 0) << gen.err;
     auto truth = json::parse(std::ifstream(dir / "shoot" / "truth.json"));
     for (const auto& c : truth["clips"]) {
@@ -69,21 +67,16 @@ Outcome runShoot(const std::string& scenario, const TestSupport::TempDir& dir) {
         }
         o.truth[fileName(c["path"])] = t;
     }
-    auto run = TestSupport::runProcess(
-        {TESSARIN_CLI_PATH, "--input", (dir / "shoot" / "request.json").string()}, {},
-        {"XDG_CACHE_HOME=" + (dir / "cache").string()});
+    auto run = TestSupport::runEngine(dir / "shoot" / "request.json",
+                                      {"XDG_CACHE_HOME=" + (dir / "cache").string()});
     o.exitCode = run.exitCode;
-    o.log = run.err;
-    for (const auto& line : TestSupport::splitLines(run.out)) {
-        auto e = json::parse(line);
-        if (e["type"] == "result") {
-            o.results[fileName(e["path"])] = e;
-        } else if (e["type"] == "error") {
-            o.errors.push_back(e);
-        } else if (e["type"] == "done") {
-            o.done = e;
-        }
+    o.log = run.log;
+    for (const auto& e : run.ofType("result")) {
+        o.results[fileName(e["path"])] = e;
     }
+    o.errors = run.ofType("error");
+    const auto done = run.ofType("done");
+    o.done = done.empty() ? json() : done.front();
     EXPECT_EQ(o.exitCode, 0) << o.log;
     EXPECT_TRUE(o.errors.empty()) << o.errors.size() << " error events";
     EXPECT_EQ(o.results.size(), o.truth.size()) << o.log;

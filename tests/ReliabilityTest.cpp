@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+using TestSupport::runEngine;
 using TestSupport::TempDir;
 
 namespace {
@@ -53,47 +54,17 @@ Snapshot snapshot(const std::filesystem::path& root) {
     return s;
 }
 
-struct Run {
-    int exitCode = -1;
-    std::vector<nlohmann::json> events;
-    std::string log;
-
-    std::vector<nlohmann::json> ofType(const std::string& type) const {
-        std::vector<nlohmann::json> out;
-        for (const auto& e : events) {
-            if (e["type"] == type) {
-                out.push_back(e);
-            }
-        }
-        return out;
+std::map<std::string, nlohmann::json> resultsByPath(const TestSupport::EngineRun& run) {
+    std::map<std::string, nlohmann::json> out;
+    for (const auto& r : run.ofType("result")) {
+        out[r["path"].get<std::string>()] = r;
     }
-    std::map<std::string, nlohmann::json> resultsByPath() const {
-        std::map<std::string, nlohmann::json> out;
-        for (const auto& r : ofType("result")) {
-            out[r["path"].get<std::string>()] = r;
-        }
-        return out;
-    }
-};
-
-Run runEngine(const std::filesystem::path& request, const std::vector<std::string>& env,
-              const std::filesystem::path& cwd = {}) {
-    auto p =
-        TestSupport::runProcess({TESSARIN_CLI_PATH, "--input", request.string()}, {}, env, cwd);
-    Run r;
-    r.exitCode = p.exitCode;
-    r.log = p.err;
-    for (const auto& line : TestSupport::splitLines(p.out)) {
-        r.events.push_back(nlohmann::json::parse(line));
-    }
-    return r;
+    return out;
 }
 
 // A small generated shoot: two cameras and a recorder in three folders, with request.json.
 void makeShoot(const std::filesystem::path& dir) {
-    auto r = TestSupport::runProcess({"/usr/bin/python3",
-                                      std::string(TESSARIN_TESTS_DIR) + "/shoot/make_shoot.py",
-                                      dir.string(), "--scenario", "small"});
+    auto r = TestSupport::makeShoot(dir, "small");
     ASSERT_EQ(r.exitCode, 0) << r.err;
 }
 
@@ -156,8 +127,8 @@ TEST(Reliability, CacheThatCannotBeMadeCostsOnlyTheDecode) {
     auto blocked = runEngine(request, {"XDG_CACHE_HOME=" + (dir / "blocker").string()});
     EXPECT_EQ(blocked.exitCode, 0) << blocked.log;
     EXPECT_TRUE(blocked.ofType("error").empty());
-    auto a = normal.resultsByPath();
-    auto b = blocked.resultsByPath();
+    auto a = resultsByPath(normal);
+    auto b = resultsByPath(blocked);
     ASSERT_EQ(a.size(), b.size());
     for (const auto& [path, r] : a) {
         SCOPED_TRACE(path);
@@ -221,8 +192,8 @@ TEST(Reliability, BrokenFilesCostOneErrorEachAndMoveNothingElse) {
          {"empty.MOV", "folder.MOV", "pipe.WAV", "ghost.MOV", "truncated.MOV"}) {
         EXPECT_EQ(errorsPerPath[(broken / unreadable).string()], 1) << unreadable;
     }
-    auto goodResults = good.resultsByPath();
-    auto badResults = bad.resultsByPath();
+    auto goodResults = resultsByPath(good);
+    auto badResults = resultsByPath(bad);
     for (const auto& [path, r] : badResults) {
         EXPECT_EQ(r["audioUsability"], "ok") << path;
     }

@@ -158,13 +158,30 @@ void writeText(const std::filesystem::path& file, const std::string& text) {
     out << text;
 }
 
-std::vector<std::string> splitLines(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
-        lines.push_back(line);
+ProcessResult makeShoot(const std::filesystem::path& dir, const std::string& scenario) {
+    return runProcess({"/usr/bin/python3", std::string(TESSARIN_TESTS_DIR) + "/shoot/make_shoot.py",
+                       dir.string(), "--scenario", scenario});
+}
+
+std::vector<nlohmann::json> EngineRun::ofType(const std::string& type) const {
+    std::vector<nlohmann::json> out;
+    for (const auto& e : events) {
+        if (e["type"] == type) {
+            out.push_back(e);
+        }
     }
-    return lines;
+    return out;
+}
+
+EngineRun runEngine(const std::filesystem::path& request, const std::vector<std::string>& env,
+                    const std::filesystem::path& cwd) {
+    auto p = runProcess({TESSARIN_CLI_PATH, "--input", request.string()}, {}, env, cwd);
+    EngineRun run{p.exitCode, {}, p.err};
+    std::istringstream out(p.out);
+    for (std::string line; std::getline(out, line);) {
+        run.events.push_back(nlohmann::json::parse(line));
+    }
+    return run;
 }
 
 } // namespace TestSupport

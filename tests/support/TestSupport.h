@@ -3,6 +3,7 @@
 #include "TessarinEngine/EngineLog.h"
 
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -56,7 +57,21 @@ ProcessResult runProcess(const std::vector<std::string>& argv, const std::string
 
 void writeText(const std::filesystem::path& file, const std::string& text);
 
-// Splits text into its lines, without the line feeds.
-std::vector<std::string> splitLines(const std::string& text);
+// Runs the project's shoot generator for `scenario` into `dir`: media in one folder per device,
+// request.json and truth.json.
+ProcessResult makeShoot(const std::filesystem::path& dir, const std::string& scenario);
+
+// One run of the program on a request file: its exit code, its events in order and its log.
+struct EngineRun {
+    int exitCode = -1;
+    std::vector<nlohmann::json> events;
+    std::string log;
+
+    std::vector<nlohmann::json> ofType(const std::string& type) const;
+};
+
+// `env` as for runProcess: tests point XDG_CACHE_HOME at a folder of their own.
+EngineRun runEngine(const std::filesystem::path& request, const std::vector<std::string>& env,
+                    const std::filesystem::path& cwd = {});
 
 } // namespace TestSupport
