@@ -8,6 +8,7 @@
 #include <utility>
 
 using namespace BRAWAudio;
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -89,7 +90,6 @@ TEST(BRAWAudio, ReadsInRunsOf48000FramesAndReportsProgress) {
     // Frame 99999 has left 999 and right -999, in that order.
     EXPECT_FLOAT_EQ(result.interleaved[199998], 999.0f / 32768);
     EXPECT_FLOAT_EQ(result.interleaved[199999], -999.0f / 32768);
-    EXPECT_FLOAT_EQ(result.interleaved[2 * 48123], 123.0f / 32768);
 }
 
 TEST(BRAWAudio, AShortOrFailedReadKeepsWhatWasRead) {
@@ -158,24 +158,23 @@ TEST(BRAWAudio, LoaderTakesTheFirstCandidateThatExistsAndSaysWhatBecameOfIt) {
     }
     MediaFixtures::writeBytes(dir / "garbage.so", MediaFixtures::randomBytes(4096, 3));
 
-    const auto missing = dir / "missing.so";
-    {
-        auto load = loadLibrary({missing, dir / "libentry.so", dir / "libother.so"});
-        ASSERT_NE(load.factory, nullptr);
-        EXPECT_EQ(*static_cast<int*>(load.factory), 42);
-        EXPECT_EQ(availabilityNote(load),
-                  "Blackmagic RAW SDK loaded from " + (dir / "libentry.so").string());
+    const auto missing = dir / "missing.so", entry = dir / "libentry.so";
+    const std::string notLoaded = "Blackmagic RAW framework found but could not be loaded";
+    const std::pair<std::vector<fs::path>, std::string> cases[] = {
+        {{missing, entry, dir / "libother.so"}, "Blackmagic RAW SDK loaded from " + entry.string()},
+        // A library without the entry point, and a file that is no library, end the search.
+        {{missing, dir / "libother.so", entry}, notLoaded},
+        {{missing, dir / "garbage.so", entry}, notLoaded},
+        {{missing}, "Blackmagic RAW framework not found on this machine"},
+    };
+    for (const auto& [candidates, note] : cases) {
+        SCOPED_TRACE(note);
+        EXPECT_EQ(availabilityNote(loadLibrary(candidates)), note);
     }
-    for (const auto& first : {dir / "libother.so", dir / "garbage.so"}) {
-        SCOPED_TRACE(first);
-        auto load = loadLibrary({missing, first, dir / "libentry.so"});
-        EXPECT_EQ(load.path, first);
-        EXPECT_EQ(load.factory, nullptr);
-        EXPECT_EQ(availabilityNote(load), "Blackmagic RAW framework found but could not be loaded");
-    }
-    auto none = loadLibrary({missing});
-    EXPECT_FALSE(none.path.has_value());
-    EXPECT_EQ(availabilityNote(none), "Blackmagic RAW framework not found on this machine");
+    // The factory is what the entry point returns.
+    const auto load = loadLibrary({entry});
+    ASSERT_NE(load.factory, nullptr);
+    EXPECT_EQ(*static_cast<int*>(load.factory), 42);
 }
 
 TEST(BRAWAudio, WithoutTheLibraryNoClipIsRead) {
@@ -184,6 +183,7 @@ TEST(BRAWAudio, WithoutTheLibraryNoClipIsRead) {
     }
     TestSupport::TempDir dir;
     TestSupport::writeText(dir / "A001.braw", "not really a clip");
-    EXPECT_FALSE(readAudio(dir / "A001.braw", {}).has_value());
-    EXPECT_EQ(std::get<Error>(readAudioOrError(dir / "A001.braw", {})).code, 1);
+    EXPECT_FALSE(readAudio(dir / "A001.braw", {}));
+    EXPECT_EQ(std::get<Error>(readAudioOrError(dir / "A001.braw", {})),
+              (Error{1, "Blackmagic RAW framework not found on this machine"}));
 }

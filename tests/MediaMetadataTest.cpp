@@ -6,7 +6,6 @@
 #include "tests/support/TestSupport.h"
 
 #include <chrono>
-#include <fstream>
 #include <future>
 #include <gtest/gtest.h>
 #include <iterator>
@@ -110,9 +109,8 @@ TEST(MediaMetadata, BroadcastWaveTimecodeIsTimeReferenceOverSampleRate) {
          8589934592.0 / 48000},
         {"no fmt: 48 kHz assumed", rw::wave({rw::bext(recorderBext(24000))}), 0.5},
         // TimeReference takes bytes 338 to 346 of the chunk.
-        {"bext of 346 bytes", rw::wave({fmt, rw::bextTruncated(recorderBext(24000), 346)}), 0.5},
-        {"bext of 344 bytes", rw::wave({fmt, rw::bextTruncated(recorderBext(24000), 344)}),
-         std::nullopt},
+        {"bext of 346 bytes", rw::wave({fmt, rw::bext(recorderBext(24000), 346)}), 0.5},
+        {"bext of 344 bytes", rw::wave({fmt, rw::bext(recorderBext(24000), 344)}), std::nullopt},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -242,7 +240,7 @@ TEST(MediaMetadata, NamesGiveDevicesAndDates) {
 class MediaMetadataFiles : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        dir_ = new TestSupport::TempDir();
+        dir_.emplace();
         const std::string video = "-f lavfi -i testsrc=size=64x36:rate=25:duration=1 ";
         const std::string h264 = " -c:v libx264 -pix_fmt yuv420p ";
         const std::string ntsc = "-f lavfi -i testsrc=size=64x36:rate=30000/1001:duration=1 ";
@@ -253,7 +251,7 @@ protected:
         ffmpeg(video + h264 + "-metadata make=Acme", "make_only.mov");
         ffmpeg(ntsc + "-f lavfi -i sine=r=48000:d=1 -ac 2 -c:a aac" + h264, "ntsc.mp4");
         ffmpeg("-f lavfi -i smptebars=size=64x36:rate=30000/1001:duration=1" + h264,
-               "ntsc_other.mp4");
+               "A001_20230701_142530.mp4");
         ffmpeg("-f lavfi -i testsrc=size=128x72:rate=30000/1001:duration=1" + h264, "large.mp4");
         ffmpeg("-i " + path("tc.mov") + " -map 0:v -c copy -metadata:s:v:0 rotate=90",
                "rotated.mov");
@@ -269,34 +267,27 @@ protected:
                                "<NonRealTimeMeta><Device manufacturer=\"Sony\" modelName=\"FX3\"/>"
                                "</NonRealTimeMeta>");
         write("tc_sony.mov", qt::cat({MediaFixtures::readBytes(path("tc.mov")), sonyBox}));
-        fs::copy_file(path("ntsc_other.mp4"), path("A001_20230701_142530.mp4"));
-        fs::copy_file(path("ntsc_other.mp4"), path("DJI_01_0001.mp4"));
+        fs::copy_file(path("A001_20230701_142530.mp4"), path("DJI_01_0001.mp4"));
 
         const qt::Track meta{.handler = "meta",
-                             .sampleEntry =
-                                 qt::mebxEntry({{1, "mdta", "com.example.camera.model"}}),
+                             .sampleEntry = qt::mebxEntry({{1, "com.example.camera.model"}}),
                              .samples = {qt::mebxSample({{1, qt::text("Cam A")}})}};
-        write("timed.mov", qt::movie({meta}, 600, 600));
+        write("timed.mov", qt::movie({meta}, 600));
 
         write("ZOOM0001.WAV",
               rw::wave({rw::fmt(2, 48000, 24), ixmlTracks({"3", "4"}), rw::silence(2, 24, 24000)}));
         const auto bwf = rw::wave({rw::fmt(1, 48000, 16), rw::bext(recorderBext(480000))});
         write("ZOOM_20230115_080000.wav", bwf);
         write("bwf.mov", bwf);
-        write("exact_20230115_080000.wav", rw::wave({rw::bextTruncated(recorderBext(), 338)}));
-        write("short_20230115_080000.wav", rw::wave({rw::bextTruncated(recorderBext(), 337)}));
+        write("exact_20230115_080000.wav", rw::wave({rw::bext(recorderBext(), 338)}));
+        write("short_20230115_080000.wav", rw::wave({rw::bext(recorderBext(), 337)}));
         write("float6.wav",
               rw::wave({rw::fmtExtensible(6, 96000, 32, 3), rw::silence(6, 32, 9600)}));
         write("unfinished.wav",
               rw::wave({rw::fmt(2, 48000, 16), rw::Chunk{"data", Bytes(48000, 0), 0xFFFFFFF0}}));
-        write("runaway.wav", rw::wave({rw::Chunk{"JUNK", Bytes(4, 0), 0x7FFFFFF0},
-                                       rw::fmt(2, 48000, 16), rw::silence(2, 16, 4800)}));
     }
 
-    static void TearDownTestSuite() {
-        delete dir_;
-        dir_ = nullptr;
-    }
+    static void TearDownTestSuite() { dir_.reset(); }
 
     static std::string path(const std::string& name) { return (*dir_ / name).string(); }
     static void write(const std::string& name, const Bytes& bytes) {
@@ -311,10 +302,8 @@ protected:
         MediaFixtures::runFfmpeg(args);
     }
 
-    static TestSupport::TempDir* dir_;
+    static inline std::optional<TestSupport::TempDir> dir_;
 };
-
-TestSupport::TempDir* MediaMetadataFiles::dir_ = nullptr;
 
 TEST_F(MediaMetadataFiles, ReadsMediaProperties) {
     struct Case {
@@ -333,8 +322,6 @@ TEST_F(MediaMetadataFiles, ReadsMediaProperties) {
         {"float6.wav", std::nullopt, std::nullopt, 0.1, 6},
         // A recorder that stopped before fixing its sizes: what the file holds plays.
         {"unfinished.wav", std::nullopt, std::nullopt, 0.25, 2},
-        // The fmt chunk lies behind a chunk that claims to run past the end.
-        {"runaway.wav", std::nullopt, std::nullopt, 0.0, 1},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -488,21 +475,6 @@ TEST_F(MediaMetadataFiles, BadInputGivesDefaultsWithoutHanging) {
         EXPECT_TRUE(fields(meta) == fields(unread));
         EXPECT_EQ(meta.date.has_value(), regularFile);
     }
-}
-
-TEST(MediaMetadata, RealRecordingProperties) {
-    const fs::path file = fs::path(TESSARIN_REALDATA_DIR) / "avbs_full.mp4";
-    if (!fs::exists(file)) {
-        GTEST_SKIP() << "real recordings not present at " << file;
-    }
-    // A 10x18 px, 25 fps H.264 clip with mono AAC; its movie header says 15.08 s.
-    const auto meta = MediaMetadata::readClipMeta(file);
-    EXPECT_EQ(meta.fps, 25.0f);
-    EXPECT_EQ(meta.size, (std::pair{10, 18}));
-    EXPECT_EQ(meta.channels, 1);
-    EXPECT_NEAR(meta.duration, 15.08, 1e-6);
-    ASSERT_TRUE(meta.device);
-    EXPECT_EQ(meta.device->rfind("cam_", 0), 0u);
 }
 
 } // namespace

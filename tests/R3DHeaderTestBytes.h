@@ -2,17 +2,19 @@
 
 // Builds the first bytes of RED picture files for tests: signature, frame block and record chain.
 
+#include "tests/support/MediaFixtures.h"
+
 #include <algorithm>
+#include <bit>
 #include <cstdint>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace R3DTestBytes {
 
+// A record; the empty one has a tag no reader knows.
 struct Rec {
     std::uint8_t type = 0;
     std::uint8_t tag = 0;
@@ -20,11 +22,7 @@ struct Rec {
 };
 
 inline Rec text(std::uint8_t tag, const std::string& s, bool terminate = true) {
-    Rec r{16, tag, {s.begin(), s.end()}};
-    if (terminate) {
-        r.payload.push_back(0);
-    }
-    return r;
+    return {16, tag, {s.c_str(), s.c_str() + s.size() + (terminate ? 1 : 0)}};
 }
 
 inline Rec be32Rec(std::uint8_t type, std::uint8_t tag, std::uint32_t v) {
@@ -34,14 +32,7 @@ inline Rec be32Rec(std::uint8_t type, std::uint8_t tag, std::uint32_t v) {
 }
 
 inline Rec real(std::uint8_t tag, float v, std::uint8_t type = 32) {
-    std::uint32_t bits;
-    std::memcpy(&bits, &v, 4);
-    return be32Rec(type, tag, bits);
-}
-
-// A record of a tag no reader knows.
-inline Rec filler() {
-    return {0, 0, {}};
+    return be32Rec(type, tag, std::bit_cast<std::uint32_t>(v));
 }
 
 struct Rdi {
@@ -51,40 +42,30 @@ struct Rdi {
     std::uint32_t numerator = 24000;
 };
 
-inline void put32(std::vector<std::uint8_t>& b, std::size_t at, std::uint32_t v) {
-    for (int i = 0; i < 4; ++i) {
-        b[at + i] = std::uint8_t(v >> (24 - 8 * i));
-    }
-}
-
-// `records` padded with unknown-tag fillers to `minRecords`, laid from `chainAt`; the frame block
-// at offset 16 unless `rdi` is empty.
+// 1024 bytes (more if the records need them): `records` padded with empty records to
+// `minRecords`, laid from `chainAt`; the frame block at offset 16 unless `rdi` is empty.
 inline std::vector<std::uint8_t> header(std::vector<Rec> records, std::optional<Rdi> rdi = Rdi{},
-                                        std::size_t minRecords = 8, std::size_t chainAt = 128,
-                                        std::size_t total = 1024) {
-    while (records.size() < minRecords) {
-        records.push_back(filler());
-    }
-    std::vector<std::uint8_t> b(total, 0);
+                                        std::size_t minRecords = 8, std::size_t chainAt = 128) {
+    records.resize(std::max(records.size(), minRecords));
+    std::vector<std::uint8_t> b(1024, 0);
+    auto put = [&b](std::size_t at, std::uint32_t v, int bytes) {
+        for (int i = 0; i < bytes; ++i) {
+            b[at + i] = std::uint8_t(v >> (8 * (bytes - 1 - i)));
+        }
+    };
     std::memcpy(b.data() + 4, "RED2", 4);
     if (rdi) {
         std::memcpy(b.data() + 16, "rdi", 3);
-        put32(b, 16 + 8, rdi->width);
-        put32(b, 16 + 12, rdi->height);
-        b[16 + 18] = std::uint8_t(rdi->denominator >> 8);
-        b[16 + 19] = std::uint8_t(rdi->denominator);
-        put32(b, 16 + 20, rdi->numerator);
+        put(16 + 8, rdi->width, 4);
+        put(16 + 12, rdi->height, 4);
+        put(16 + 18, rdi->denominator, 2);
+        put(16 + 20, rdi->numerator, 4);
     }
     std::size_t p = chainAt;
     for (const auto& r : records) {
         const std::size_t length = 4 + r.payload.size();
-        if (p + length > b.size()) {
-            b.resize(p + length, 0);
-        }
-        b[p] = std::uint8_t(length >> 8);
-        b[p + 1] = std::uint8_t(length);
-        b[p + 2] = r.type;
-        b[p + 3] = r.tag;
+        b.resize(std::max(b.size(), p + length), 0);
+        put(p, std::uint32_t(length << 16 | r.type << 8 | r.tag), 4);
         std::copy(r.payload.begin(), r.payload.end(), b.begin() + std::ptrdiff_t(p + 4));
         p += length;
     }
@@ -92,8 +73,7 @@ inline std::vector<std::uint8_t> header(std::vector<Rec> records, std::optional<
 }
 
 inline void write(const std::filesystem::path& file, const std::vector<std::uint8_t>& bytes) {
-    std::ofstream out(file, std::ios::binary);
-    out.write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
+    MediaFixtures::writeBytes(file, bytes);
 }
 
 } // namespace R3DTestBytes

