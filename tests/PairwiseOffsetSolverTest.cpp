@@ -16,7 +16,7 @@ auto near(std::vector<double> expected, double tolerance) {
 
 } // namespace
 
-TEST(PairwiseOffsetSolver, HandWorkedGraphs) {
+TEST(PairwiseOffsetSolver, HandWorkedAndOddGraphs) {
     // One edge, either way round: the normal equation of node 1 is (1 + 1e-6) x = 5.
     EXPECT_THAT(solve(2, 0, {{0, 1, 5.0, 1.0f}}), near({0.0, 5.0 / (1.0 + 1e-6)}, 1e-12));
     EXPECT_THAT(solve(2, 0, {{1, 0, -5.0, 1.0f}}), near({0.0, 5.0 / (1.0 + 1e-6)}, 1e-12));
@@ -27,6 +27,16 @@ TEST(PairwiseOffsetSolver, HandWorkedGraphs) {
     EXPECT_THAT(solve(3, 0, triangle), near({0.0, 4.0 / 3.0, 8.0 / 3.0}, 1e-5));
     triangle[2].weight = 2.0f;
     EXPECT_THAT(solve(3, 0, triangle), near({0.0, 1.4, 2.8}, 1e-5));
+
+    EXPECT_TRUE(solve(0, 0, {{0, 1, 1.0, 1.0f}}).empty());
+    EXPECT_EQ(solve(1, 0, {{0, 1, 7.0, 1.0f}}), std::vector<double>{0.0});
+
+    // Two nodes measured only against each other keep their offset, centred on 0.
+    EXPECT_THAT(solve(3, 0, {{1, 2, 4.0, 1.0f}}), near({0.0, -2.0, 2.0}, 1e-5));
+    // A node index outside the range is fixed at 0, like the master.
+    EXPECT_THAT(solve(3, 0, {{7, 1, 3.0, 1.0f}, {1, 2, 1.0, 1.0f}}), near({0.0, 3.0, 4.0}, 1e-4));
+    // A master outside the range fixes no node: both are free, centred by the pull to 0.
+    EXPECT_THAT(solve(2, 9, {{0, 1, 6.0, 1.0f}}), near({-3.0, 3.0}, 1e-5));
 }
 
 TEST(PairwiseOffsetSolver, RecoversConsistentPositionsOnALargerGraph) {
@@ -62,16 +72,4 @@ TEST(PairwiseOffsetSolver, MeasurementsWithoutUseChangeNothing) {
         ms.insert(ms.begin() + 1, extra);
         EXPECT_EQ(solve(4, 0, ms), expected);
     }
-}
-
-TEST(PairwiseOffsetSolver, OddGraphsAndSizes) {
-    EXPECT_TRUE(solve(0, 0, {{0, 1, 1.0, 1.0f}}).empty());
-    EXPECT_EQ(solve(1, 0, {{0, 1, 7.0, 1.0f}}), std::vector<double>{0.0});
-
-    // Two nodes measured only against each other keep their offset, centred on 0.
-    EXPECT_THAT(solve(3, 0, {{1, 2, 4.0, 1.0f}}), near({0.0, -2.0, 2.0}, 1e-5));
-    // A node index outside the range is fixed at 0, like the master.
-    EXPECT_THAT(solve(3, 0, {{7, 1, 3.0, 1.0f}, {1, 2, 1.0, 1.0f}}), near({0.0, 3.0, 4.0}, 1e-4));
-    // A master outside the range fixes no node: both are free, centred by the pull to 0.
-    EXPECT_THAT(solve(2, 9, {{0, 1, 6.0, 1.0f}}), near({-3.0, 3.0}, 1e-5));
 }

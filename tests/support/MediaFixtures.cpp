@@ -2,11 +2,11 @@
 
 #include "tests/support/TestSupport.h"
 
-#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <fstream>
 #include <iterator>
+#include <numeric>
 #include <random>
 #include <stdexcept>
 
@@ -21,23 +21,14 @@ void runFfmpeg(const std::vector<std::string>& args) {
     }
 }
 
-std::vector<std::string> lavfiAudio(const std::string& expression, int rateHz, double seconds) {
-    return {"-f", "lavfi", "-i",
-            "aevalsrc=" + expression + ":s=" + std::to_string(rateHz) +
-                ":d=" + std::to_string(seconds)};
-}
-
-void writeWav(const std::filesystem::path& file, std::span<const float> interleaved,
-              const WavOptions& options) {
-    const bool isFloat = options.format == WavSampleFormat::float32;
-    const std::uint32_t bytesPerSample = isFloat ? 4 : 2;
-    const auto channels = static_cast<std::uint32_t>(options.channels);
-    const auto rate = static_cast<std::uint32_t>(options.rateHz);
-    const auto dataBytes = static_cast<std::uint32_t>(interleaved.size() * bytesPerSample);
+void writeWav(const std::filesystem::path& file, std::span<const float> interleaved, int rateHz,
+              int channels) {
+    const auto rate = static_cast<std::uint32_t>(rateHz);
+    const auto frameBytes = static_cast<std::uint32_t>(4 * channels);
+    const auto dataBytes = static_cast<std::uint32_t>(4 * interleaved.size());
     std::vector<std::uint8_t> out;
-    // Little-endian fields of 2 or 4 bytes, and four-letter tags.
-    auto put = [&](std::uint32_t v, int bytes) {
-        for (int i = 0; i < bytes; ++i) {
+    auto put = [&](std::uint32_t v) {
+        for (int i = 0; i < 4; ++i) {
             out.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
         }
     };
@@ -45,26 +36,19 @@ void writeWav(const std::filesystem::path& file, std::span<const float> interlea
         out.insert(out.end(), t, t + 4);
     };
     tag("RIFF");
-    put(4 + 8 + 16 + 8 + dataBytes, 4);
+    put(36 + dataBytes);
     tag("WAVE");
     tag("fmt ");
-    put(16, 4);
-    put(isFloat ? 3 : 1, 2);
-    put(channels, 2);
-    put(rate, 4);
-    put(rate * channels * bytesPerSample, 4);
-    put(channels * bytesPerSample, 2);
-    put(bytesPerSample * 8, 2);
+    // Little-endian throughout, so each pair of 2-byte fields is one word: the format (3, float)
+    // with the channel count, and the frame size with the bits per sample.
+    for (auto v :
+         {16u, 3 | (frameBytes / 4) << 16, rate, rate * frameBytes, frameBytes | 32u << 16}) {
+        put(v);
+    }
     tag("data");
-    put(dataBytes, 4);
+    put(dataBytes);
     for (float v : interleaved) {
-        if (isFloat) {
-            put(std::bit_cast<std::uint32_t>(v), 4);
-        } else {
-            put(static_cast<std::uint16_t>(
-                    static_cast<std::int16_t>(std::lround(std::clamp(v, -1.0f, 1.0f) * 32767.0f))),
-                2);
-        }
+        put(std::bit_cast<std::uint32_t>(v));
     }
     writeBytes(file, out);
 }
@@ -72,19 +56,15 @@ void writeWav(const std::filesystem::path& file, std::span<const float> interlea
 std::vector<float> sine(double frequencyHz, float amplitude, double seconds, int rateHz) {
     std::vector<float> out(static_cast<std::size_t>(std::lround(seconds * rateHz)));
     for (std::size_t i = 0; i < out.size(); ++i) {
-        out[i] =
-            amplitude *
-            static_cast<float>(std::sin(2 * M_PI * frequencyHz * static_cast<double>(i) / rateHz));
+        out[i] = amplitude * float(std::sin(2 * M_PI * frequencyHz * double(i) / rateHz));
     }
     return out;
 }
 
 double rms(std::span<const float> samples, std::size_t from, std::size_t to) {
-    double sum = 0;
-    for (std::size_t i = from; i < to; ++i) {
-        sum += static_cast<double>(samples[i]) * samples[i];
-    }
-    return to > from ? std::sqrt(sum / static_cast<double>(to - from)) : 0.0;
+    const auto* first = samples.data() + from;
+    return std::sqrt(std::inner_product(first, first + (to - from), first, 0.0) /
+                     double(to - from));
 }
 
 void writeBytes(const std::filesystem::path& file, const std::vector<std::uint8_t>& bytes) {
