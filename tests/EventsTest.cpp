@@ -4,40 +4,25 @@
 #include <limits>
 
 TEST(Events, ResultFieldsInOrderWithOptionalFieldsLeftOut) {
-    ResultEvent r;
-    r.path = "/shoot/A001.mov";
-    r.session = "/shoot";
-    r.track = "A";
-    r.mediaType = "video";
-    r.startOffset = 12.5;
-    r.duration = 30;
-    r.syncStatus = "synced";
-    r.audioUsability = "ok";
-    r.explanation = "Strong audio match \u00B7 score 12.3";
-    r.channelCount = 2;
-    EXPECT_EQ(*Events::encode(r),
-              R"({"type":"result","path":"\/shoot\/A001.mov","session":"\/shoot","track":"A",)"
-              R"("mediaType":"video","startOffset":12.5,"duration":30,"syncStatus":"synced",)"
-              R"("audioUsability":"ok","explanation":"Strong audio match · score 12.3",)"
-              R"("channelCount":2})");
-
-    r.matchScore = 12.34f;
-    r.placement = "A1";
-    r.frameRate = 23.976f;
-    r.pixelWidth = 1920;
-    r.pixelHeight = 1080;
-    r.picturePath = "/shoot/A001.R3D";
-    r.pictureDuration = 29.488;
-    r.recordFrameRate = 24.0f;
-    r.conformFrameRate = 23.976f;
-    EXPECT_EQ(*Events::encode(r),
-              R"({"type":"result","path":"\/shoot\/A001.mov","session":"\/shoot","track":"A",)"
-              R"("mediaType":"video","startOffset":12.5,"duration":30,"syncStatus":"synced",)"
-              R"("matchScore":12.34,"placement":"A1","audioUsability":"ok",)"
-              R"("explanation":"Strong audio match · score 12.3","channelCount":2,)"
-              R"("frameRate":23.97599983215332,"pixelWidth":1920,"pixelHeight":1080,)"
-              R"("picturePath":"\/shoot\/A001.R3D","pictureDuration":29.488,)"
-              R"("recordFrameRate":24,"conformFrameRate":23.97599983215332})");
+    const std::string text = "Strong audio match \u00B7 score 12.3";
+    const auto no = std::nullopt;
+    const ResultEvent bare("/shoot/A001.mov", "/shoot", "A", "video", 12.5, 30, "synced", no, no,
+                           "ok", text, 2, no, no, no, no, no, no, no);
+    const ResultEvent full("/shoot/A001.mov", "/shoot", "A", "video", 12.5, 30, "synced", 12.34f,
+                           "A1", "ok", text, 2, 23.976f, 1920, 1080, "/shoot/A001.R3D", 29.488,
+                           24.0f, 23.976f);
+    const std::string head =
+        R"({"type":"result","path":"\/shoot\/A001.mov","session":"\/shoot","track":"A",)"
+        R"("mediaType":"video","startOffset":12.5,"duration":30,"syncStatus":"synced",)";
+    EXPECT_EQ(*Events::encode(bare),
+              head + R"("audioUsability":"ok","explanation":"Strong audio match · score 12.3",)"
+                     R"("channelCount":2})");
+    EXPECT_EQ(*Events::encode(full),
+              head + R"("matchScore":12.34,"placement":"A1","audioUsability":"ok",)"
+                     R"("explanation":"Strong audio match · score 12.3","channelCount":2,)"
+                     R"("frameRate":23.97599983215332,"pixelWidth":1920,"pixelHeight":1080,)"
+                     R"("picturePath":"\/shoot\/A001.R3D","pictureDuration":29.488,)"
+                     R"("recordFrameRate":24,"conformFrameRate":23.97599983215332})");
 }
 
 TEST(Events, OtherKindsAndEscapes) {

@@ -99,10 +99,9 @@ TEST(IngestEngine, LoadMetadataLogsEachTracksClockInLocalTime) {
 TEST(IngestEngine, SortSourcesPutsVideoFirstInNaturalNameOrder) {
     std::vector<TrackSource> tracks;
     for (const char* name : {"Zoom", "cam 10", "Boom", "Cam 9", "cam 9"}) {
-        TrackSource t;
-        t.name = name;
-        t.type = name[0] == 'c' || name[0] == 'C' ? SourceType::video : SourceType::audio;
-        tracks.push_back(t);
+        tracks.push_back(trackOf(name, {}));
+        tracks.back().type =
+            name[0] == 'c' || name[0] == 'C' ? SourceType::video : SourceType::audio;
     }
     std::vector<std::string> names;
     for (const auto& t : IngestEngine::sortSources(tracks)) {

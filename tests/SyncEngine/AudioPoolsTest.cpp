@@ -104,14 +104,8 @@ TEST(AudioPools, BestMatchSearchesWhicheverFeatureIsLonger) {
     const auto clip = cutFeature(bands, 25 * 100, 25 * 60, 1);
     const auto longer = featureSpan(500, 300, cutFeature(bands, 25 * 50, 25 * 300, 2));
     const auto shorter = featureSpan(1000, 30, cutFeature(bands, 25 * 120, 25 * 30, 3));
-    struct Case {
-        const char* name;
-        PoolSpan span;
-        double lo;
-        double hi;
-        std::optional<double> expected;
-    };
-    const std::vector<Case> cases = {
+    // Name, pool segment, bracket, where the clip is found.
+    const std::tuple<const char*, PoolSpan, double, double, std::optional<double>> cases[] = {
         {"segment longer than the clip", longer, -kWidest, kWidest, 550.0},
         {"segment shorter than the clip: roles turn round", shorter, -kWidest, kWidest, 980.0},
         {"segment shorter, bracket around the truth", shorter, 970, 990, 980.0},
@@ -119,12 +113,12 @@ TEST(AudioPools, BestMatchSearchesWhicheverFeatureIsLonger) {
          featureSpan(500, 60, cutFeature(bands, 25 * 100, 25 * 60, 4)), -kWidest, kWidest,
          std::nullopt},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        const auto m = bestMatch({c.span}, clip, c.lo, c.hi);
-        ASSERT_EQ(m.has_value(), c.expected.has_value());
+    for (const auto& [name, span, lo, hi, expected] : cases) {
+        SCOPED_TRACE(name);
+        const auto m = bestMatch({span}, clip, lo, hi);
+        ASSERT_EQ(m.has_value(), expected.has_value());
         if (m) {
-            EXPECT_NEAR(m->pos, *c.expected, 0.041);
+            EXPECT_NEAR(m->pos, *expected, 0.041);
             EXPECT_GE(m->score, kStrongScore);
         }
     }

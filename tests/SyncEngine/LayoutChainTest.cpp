@@ -39,31 +39,23 @@ Laid lay(const std::vector<double>& durs, Clocks clocks,
 } // namespace
 
 TEST(LayoutChain, LongestConsistentChainKeepsWhatCanAllBeTrue) {
-    struct Case {
-        const char* name;
-        std::vector<double> durs;
-        std::vector<ChainAnchor> anchors;
-        std::vector<int> expected;
-    };
-    const std::vector<Case> cases = {
-        {"overlap within slack", {100, 50}, {{0, 0}, {1, 98}}, {0, 1}},
-        {"overlap beyond slack", {100, 50}, {{0, 0}, {1, 96.9}}, {0}},
-        {"wild middle anchor drops out", {100, 100, 100}, {{0, 0}, {1, -4000}, {2, 200}}, {0, 2}},
-        {"reverse order: lower index wins the tie", {10, 10}, {{0, 100}, {1, 0}}, {0}},
-        // Anchors 0 and 1 contradict each other; both can precede 2.
-        {"two equal predecessors: the lower one",
-         {10, 10, 10},
-         {{0, 100}, {1, 0}, {2, 500}},
-         {0, 2}},
-        {"no anchors", {10}, {}, {}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    // Name, clip durations, anchors, the anchors kept.
+    const std::tuple<const char*, std::vector<double>, std::vector<ChainAnchor>, std::vector<int>>
+        cases[] = {
+            {"overlap within slack", {100, 50}, {{0, 0}, {1, 98}}, {0, 1}},
+            {"overlap beyond slack", {100, 50}, {{0, 0}, {1, 96.9}}, {0}},
+            {"wild middle anchor", {100, 100, 100}, {{0, 0}, {1, -4000}, {2, 200}}, {0, 2}},
+            {"reverse order: lower index wins the tie", {10, 10}, {{0, 100}, {1, 0}}, {0}},
+            // Anchors 0 and 1 contradict each other; both can precede 2.
+            {"equal predecessors", {10, 10, 10}, {{0, 100}, {1, 0}, {2, 500}}, {0, 2}},
+            {"no anchors", {10}, {}, {}},
+        };
+    for (const auto& [name, durs, anchors, expected] : cases) {
         std::vector<double> prefix{0.0};
-        for (double d : c.durs) {
+        for (double d : durs) {
             prefix.push_back(prefix.back() + d);
         }
-        EXPECT_EQ(longestConsistentChain(c.anchors, prefix, 3.0), c.expected);
+        EXPECT_EQ(longestConsistentChain(anchors, prefix, 3.0), expected) << name;
     }
 }
 
@@ -78,7 +70,7 @@ TEST(LayoutChain, ClipsAreLaidByClockOrSpreadAroundTheAnchors) {
         double base = 0;
         bool logged = false;
     };
-    // Name: durations, clocks, anchors, every clip's position, counts, base, tail refused.
+    const Clocks lateClock = {{}, {}, {}, 7777};
     const std::vector<Case> cases = {
         // Anchors that overlap within the slack are pushed to touch.
         {"touching", {100, 50}, {}, {{0, 0}, {1, 98}}, {0, 100}, {0, 0}},
@@ -102,13 +94,7 @@ TEST(LayoutChain, ClipsAreLaidByClockOrSpreadAroundTheAnchors) {
         // Clips before the first anchor are measured backwards from it, never from the base.
         {"before the first", {30, 20, 10}, {}, {{2, 40}}, {-10, 20, 40}, {0, 2}, 1000},
         // Without anchors clips ride from the base; a later clock opens a pause.
-        {"free",
-         {10, 20, 30, 40, 5},
-         {{}, {}, {}, 7777},
-         {},
-         {100, 110, 130, 160, 200},
-         {1, 4},
-         100},
+        {"free", {10, 20, 30, 40, 5}, lateClock, {}, {100, 110, 130, 160, 200}, {1, 4}, 100},
         {"pause", {10, 10}, {1000, 1100}, {}, {50, 150}, {2, 0}, 50},
         {"no clips", {}, {}, {}, {}, {0, 0}, 50},
     };

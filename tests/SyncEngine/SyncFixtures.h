@@ -53,17 +53,6 @@ inline TrackSource videoTrack(const std::string& name, std::vector<ClipItem> cli
     return makeTrack(name, SourceType::video, std::move(clips));
 }
 
-// A camera track: clips of `durations`, each with a short flat feature, so that it counts as a
-// long, hearable camera once a clip reaches 60 s, yet never matches anything.
-inline TrackSource makeCamera(const std::string& name, const std::vector<double>& durations) {
-    std::vector<ClipItem> clips;
-    for (double d : durations) {
-        clips.push_back(makeClip(name + "_" + std::to_string(clips.size()), d));
-        clips.back().bandFeature = flatFeature(std::min(static_cast<int>(d * 25), 100));
-    }
-    return videoTrack(name, std::move(clips));
-}
-
 inline TrackSource makeRecorder(const std::string& name, const std::vector<double>& durations) {
     std::vector<ClipItem> clips;
     for (double d : durations) {
@@ -72,28 +61,31 @@ inline TrackSource makeRecorder(const std::string& name, const std::vector<doubl
     return audioTrack(name, std::move(clips));
 }
 
-// What the engine reported through its callbacks.
+// A camera track: each clip has a short flat feature, so that it counts as a long, hearable camera
+// once a clip reaches 60 s, yet never matches anything.
+inline TrackSource makeCamera(const std::string& name, const std::vector<double>& durations) {
+    auto track = makeRecorder(name, durations);
+    track.type = SourceType::video;
+    for (auto& clip : track.clips) {
+        clip.bandFeature = flatFeature(std::min(static_cast<int>(clip.duration * 25), 100));
+    }
+    return track;
+}
+
+// What the engine reported through its callbacks: progress, and the ids of the clips placed.
 struct Reports {
     std::vector<std::pair<double, std::string>> progress;
-    std::vector<std::tuple<Uuid, double, SyncStatus>> places;
-
-    SyncEngine::ProgressCallback onProgress() {
-        return [this](double f, const std::string& label) {
-            progress.emplace_back(f, label);
-        };
-    }
-    SyncEngine::PlaceCallback onPlace() {
-        return [this](const Uuid& id, double pos, SyncStatus s) {
-            places.emplace_back(id, pos, s);
-        };
-    }
+    std::vector<Uuid> placed;
 };
 
 inline std::vector<TrackSource> runEngine(std::vector<TrackSource> tracks,
                                           Reports* reports = nullptr) {
     Reports local;
     Reports& r = reports ? *reports : local;
-    return SyncEngine::synchronise(std::move(tracks), r.onProgress(), r.onPlace(), nullptr);
+    return SyncEngine::synchronise(
+        std::move(tracks),
+        [&](double f, const std::string& label) { r.progress.emplace_back(f, label); },
+        [&](const Uuid& id, double, SyncStatus) { r.placed.push_back(id); }, nullptr);
 }
 
 inline const SyncEngine::ProgressCallback noProgress;

@@ -36,15 +36,9 @@ ClipItem datedClip(ClockQuality quality = ClockQuality::embedded) {
 } // namespace
 
 TEST(WindowMatching, ClockWindowDependsOnTheSourceOfThePrior) {
-    struct Case {
-        const char* name;
-        int si;
-        ClockQuality quality;
-        std::optional<double> textOffset;
-        Window expected;
-    };
     using enum ClockQuality;
-    const std::vector<Case> cases = {
+    // Name, track, its clock, a noted offset to the reference, the window.
+    const std::tuple<const char*, int, ClockQuality, std::optional<double>, Window> cases[] = {
         {"embedded clock of a recorder", 1, embedded, {}, {-300, 1500}},
         {"clock from the file name", 1, filename, {}, {-750, 1950}},
         {"asset date is no prior", 1, asset, {}, {}},
@@ -52,13 +46,12 @@ TEST(WindowMatching, ClockWindowDependsOnTheSourceOfThePrior) {
         // 360 s around the offset, from where the region stands.
         {"a text offset to the reference goes first", 1, embedded, 40.0, {-300, 420}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, si, quality, textOffset, expected] : cases) {
         auto run = windowRun();
-        if (c.textOffset) {
-            run.sources[1].textSyncOffsetByPeer["Ref"] = *c.textOffset;
+        if (textOffset) {
+            run.sources[1].textSyncOffsetByPeer["Ref"] = *textOffset;
         }
-        EXPECT_EQ(clockWindow(run, c.si, datedClip(c.quality)), c.expected);
+        EXPECT_EQ(clockWindow(run, si, datedClip(quality)), expected) << name;
     }
     auto run = windowRun();
     run.region.regionEpoch.reset();
@@ -69,72 +62,53 @@ TEST(WindowMatching, TimecodeNarrowsTheClockUnlessTheyContradict) {
     const auto run = windowRun();
     auto clip = datedClip(); // clock window -300...1500
     clip.startTimecode = 3600;
-    struct Case {
-        const char* name;
-        int si;
-        double spanOff;
-        Window expected;
-    };
-    const std::vector<Case> cases = {
+    // Name, track, where the timecode span lies on the timeline, the window.
+    const std::tuple<const char*, int, double, Window> cases[] = {
         {"inside the clock window", 1, 0, {598.5, 601.5}},
         {"overlapping its end", 1, 900, {1498.5, 1500}},
         {"wholly outside: the clock stands", 1, 5000, {-300, 1500}},
         {"a camera has only its timecode", 2, 0, {598.5, 601.5}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        EXPECT_EQ(jobWindow(run, c.si, clip, {tcSpan(c.spanOff, 3000)}), c.expected);
+    for (const auto& [name, si, spanOff, expected] : cases) {
+        EXPECT_EQ(jobWindow(run, si, clip, {tcSpan(spanOff, 3000)}), expected) << name;
     }
 }
 
 TEST(WindowMatching, TimecodeCheckToleratesTwoFrames) {
-    struct Case {
-        const char* name;
-        std::optional<float> fps;
-        double pos;
-        bool disagrees;
-    };
     // The nearest candidate is at 600 (span at 0); the other span puts the clip at 2600.
-    const std::vector<Case> cases = {
+    const std::tuple<const char*, std::optional<float>, double, bool> cases[] = {
         {"within two frames at 25 fps", 25.0f, 600.07, false},
         {"beyond two frames", 25.0f, 600.09, true},
         {"no rate: a twelfth of a second", std::nullopt, 599.92, false},
         {"no rate, beyond it", std::nullopt, 599.9, true},
         {"a rate below 1 counts as 1", 0.5f, 601.9, false},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, fps, pos, disagrees] : cases) {
         auto clip = makeClip("x", 60);
         clip.startTimecode = 3600;
-        clip.frameRate = c.fps;
-        checkTimecode(clip, c.pos, {tcSpan(0, 3000), tcSpan(2000, 3000), tcSpan(5, std::nullopt)});
-        EXPECT_EQ(clip.tcDisagrees, c.disagrees);
+        clip.frameRate = fps;
+        checkTimecode(clip, pos, {tcSpan(0, 3000), tcSpan(2000, 3000), tcSpan(5, std::nullopt)});
+        EXPECT_EQ(clip.tcDisagrees, disagrees) << name;
     }
 }
 
 TEST(WindowMatching, VotesClusterAroundTheSeedThatGathersMost) {
-    struct Case {
-        const char* name;
-        std::vector<double> votes;
-        std::vector<double> expected;
-    };
-    const std::vector<Case> cases = {
+    const std::tuple<const char*, std::vector<double>, std::vector<double>> cases[] = {
         {"a middle seed gathers both ends", {0, 4, 8}, {0, 4, 8}},
         {"equal clusters: the first stays", {0, 4, 100}, {0, 4}},
         {"exactly 5 s apart", {10, 15, 40}, {10, 15}},
         {"5.01 s apart", {10, 15.01, 40}, {10}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, positions, expected] : cases) {
         std::vector<Match> votes;
-        for (double p : c.votes) {
+        for (double p : positions) {
             votes.push_back(Match{p, 8.0f});
         }
         std::vector<double> kept;
         for (const auto& v : largestCluster(votes, kVoteClusterRadius)) {
             kept.push_back(v.pos);
         }
-        EXPECT_EQ(kept, c.expected);
+        EXPECT_EQ(kept, expected) << name;
     }
 }
 
