@@ -145,11 +145,13 @@ TEST(QuickTime, ReadsTimedMetadataOfTheFirstSecond) {
                                  mebxSample({{1, text("Cam C, at 1.2 s")}})},
                      .timescale = 1000,
                      .samplesPerChunk = 2};
-    auto read = [&](std::uint32_t duration) {
-        const Bytes file = movie({meta}, duration);
-        return QuickTime::readTimedMetadata(QuickTime::readMovie(file).value(), file, 1.0);
+    // Items point into the file's bytes, so each file outlives what is read from it.
+    const Bytes file = movie({meta}, 1200);
+    const Bytes half = movie({meta}, 300);
+    const auto read = [](const Bytes& bytes) {
+        return QuickTime::readTimedMetadata(QuickTime::readMovie(bytes).value(), bytes, 1.0);
     };
-    const auto items = read(1200);
+    const auto items = read(file);
     ASSERT_EQ(items.size(), 4u);
     EXPECT_EQ(items[0].keyNamespace + "/" + items[0].key, "mdta/com.example.camera.model");
     EXPECT_EQ(items[0].stringValue, "Cam A");
@@ -158,7 +160,7 @@ TEST(QuickTime, ReadsTimedMetadataOfTheFirstSecond) {
     EXPECT_EQ(Bytes(items[2].dataValue.begin(), items[2].dataValue.end()), (Bytes{0xFF, 0}));
     EXPECT_EQ(items[3].stringValue, "Cam B");
     // A movie of 0.5 s holds only its first sample.
-    EXPECT_EQ(read(300).size(), 3u);
+    EXPECT_EQ(read(half).size(), 3u);
 }
 
 TEST(QuickTime, TruncatedMoviesGiveTheRightAnswerOrNothing) {
