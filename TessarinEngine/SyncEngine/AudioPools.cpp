@@ -8,16 +8,24 @@ namespace SyncEngine {
 
 namespace {
 
-// Fixed for every pool search: a match must keep 8 s of the shorter feature inside the longer,
-// and only the best peak of each segment is asked for.
+// A match must keep 8 s of the shorter feature inside the longer, or 0.8 of the shorter where it
+// is shorter than 10 s: a fixed 8 s would leave every clip of 8 s or less unmatchable.
 constexpr double kPoolMinOverlap = 8.0;
+constexpr double kPoolMinOverlapShare = 0.8;
+// Only the best peak of each segment is asked for.
 constexpr double kPoolMinSeparation = 0.5;
 
 } // namespace
 
-PoolSpan spanOf(const ClipItem& clip) {
-    return PoolSpan{clip.startOffset,   clip.duration,     clip.bandFeature,
-                    clip.recordingDate, clip.clockQuality, clip.startTimecode};
+PoolSpan spanOf(const Run& run, ClipRef ref) {
+    const auto& clip = run.clip(ref);
+    return PoolSpan{clip.startOffset,
+                    clip.duration,
+                    clip.bandFeature,
+                    clip.recordingDate,
+                    clip.clockQuality,
+                    clip.startTimecode,
+                    ref};
 }
 
 void refreshMatchSpans(Run& run) {
@@ -58,7 +66,7 @@ void refreshMatchSpans(Run& run) {
             if (clip.duration < kShortestMatched) {
                 continue;
             }
-            region.matchSpans.push_back(spanOf(clip));
+            region.matchSpans.push_back(spanOf(run, ClipRef{si, ci}));
         }
     }
 }
@@ -76,12 +84,15 @@ std::optional<Match> bestMatch(const std::vector<PoolSpan>& spans,
             continue;
         }
         const int s = span.bands->frames;
+        const double minOverlap =
+            std::min(kPoolMinOverlap, kPoolMinOverlapShare * std::min(c, s) / kFramesPerSecond);
         std::optional<Match> found;
         if (c < s) {
             const auto peaks = searchPeaks(*feature, *span.bands, lo - span.off, hi - span.off,
-                                           kPoolMinOverlap, 1, kPoolMinSeparation);
+                                           minOverlap, 1, kPoolMinSeparation);
             if (!peaks.empty()) {
-                found = Match{span.off + peaks.front().offsetSeconds, peaks.front().score};
+                found =
+                    Match{span.off + peaks.front().offsetSeconds, peaks.front().score, span.clip};
             }
         } else if (c > s) {
             // The clip is the longer one: search the segment inside the clip instead.
@@ -89,9 +100,10 @@ std::optional<Match> bestMatch(const std::vector<PoolSpan>& spans,
                 continue;
             }
             const auto peaks = searchPeaks(*span.bands, *feature, span.off - hi, span.off - lo,
-                                           kPoolMinOverlap, 1, kPoolMinSeparation);
+                                           minOverlap, 1, kPoolMinSeparation);
             if (!peaks.empty()) {
-                found = Match{span.off - peaks.front().offsetSeconds, peaks.front().score};
+                found =
+                    Match{span.off - peaks.front().offsetSeconds, peaks.front().score, span.clip};
             }
         }
         if (found && (!best || found->score > best->score)) {

@@ -72,7 +72,7 @@ void calibrateSegmentIfNeeded(Run& run, int take, int backup) {
             SpectralBands::peaks(*window, *backClip.bandFeature, -kWidest, kWidest, 8.0, 1, 0.5);
         if (!found.empty()) {
             votes.push_back(Match{backClip.startOffset + found.front().offsetSeconds - start,
-                                  found.front().score});
+                                  found.front().score, ClipRef{backup, backCi}});
         }
     }
 
@@ -80,18 +80,12 @@ void calibrateSegmentIfNeeded(Run& run, int take, int backup) {
     if (cluster.size() < 2) {
         return;
     }
-    float bestScore = cluster.front().score;
-    double sum = 0;
-    double weights = 0;
-    for (const auto& v : cluster) {
-        bestScore = std::max(bestScore, v.score);
-        sum += v.pos * v.score;
-        weights += v.score;
-    }
+    const Match consensus = clusterConsensus(cluster);
+    const float bestScore = consensus.score;
     if (bestScore < kStrongScore) {
         return;
     }
-    const double target = sum / std::max(weights, 0.000001);
+    const double target = consensus.pos;
     const double delta = target - refClip.startOffset;
     if (!(std::abs(delta) > kLeastCorrection && std::abs(delta) < kLargestCorrection)) {
         return;

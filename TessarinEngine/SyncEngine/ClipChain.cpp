@@ -47,7 +47,7 @@ void ChainState::acceptFill(Run& run, int i, Match m, double lo, double hi,
         strong.insert(i);
     }
     auto& clip = run.clip(refs[i]);
-    run.placementLog[clip.id] = PlacementRecord{m.pos, m.score, kind};
+    run.placementLog[clip.id] = PlacementRecord{m.pos, m.score, kind, m.partner};
     clip.startOffset = p;
     clip.syncStatus = statusForScore(m.score);
     clip.matchScore = m.score;
@@ -84,7 +84,8 @@ void ChainState::setClip(Run& run, int i, double pos, Placement how) {
     }
     clip.startOffset = pos;
     if (how != Placement::matched) {
-        run.placementLog[clip.id] = PlacementRecord{std::nullopt, 0.0f, *clip.placementPass};
+        run.placementLog[clip.id] =
+            PlacementRecord{std::nullopt, 0.0f, *clip.placementPass, std::nullopt};
     } else {
         checkTimecode(clip, pos, *checkSpans);
     }
@@ -94,7 +95,7 @@ void ChainState::setClip(Run& run, int i, double pos, Placement how) {
 void ChainState::placeAnchor(Run& run, int i, Match m, const std::string& kind) {
     posOf[i] = m.pos;
     auto& clip = run.clip(refs[i]);
-    run.placementLog[clip.id] = PlacementRecord{m.pos, m.score, kind};
+    run.placementLog[clip.id] = PlacementRecord{m.pos, m.score, kind, m.partner};
     clip.startOffset = m.pos;
     clip.syncStatus = statusForScore(m.score);
     clip.matchScore = m.score;
@@ -170,7 +171,7 @@ bool runPass1(Run& run, ChainState& chain, const std::vector<Pass1Job>& jobs,
             if (match && match->score >= kStrongScore) {
                 chain.hits[job.index] = *match;
                 run.placementLog[chain.clips[job.index].id] =
-                    PlacementRecord{match->pos, match->score, "p1"};
+                    PlacementRecord{match->pos, match->score, "p1", match->partner};
             }
             return true;
         });

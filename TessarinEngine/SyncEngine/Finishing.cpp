@@ -19,6 +19,7 @@ struct LeaderPlacement {
     SyncStatus status = SyncStatus::pending;
     std::optional<std::string> pass;
     std::optional<float> score;
+    ClipRef clip;
 };
 
 std::string_view statusMark(SyncStatus status) {
@@ -61,9 +62,11 @@ int longestOf(const std::vector<ClipItem>& clips, const std::vector<int>& cis) {
 void mirrorChannel(Run& run, int si, int lead) {
     const auto& leader = run.sources[lead];
     std::unordered_map<Uuid, LeaderPlacement> leaderPlacements;
-    for (const auto& clip : leader.clips) {
+    for (int ci = 0; ci < static_cast<int>(leader.clips.size()); ++ci) {
+        const auto& clip = leader.clips[ci];
         leaderPlacements[clip.id] =
-            LeaderPlacement{clip.startOffset, clip.syncStatus, clip.placementPass, clip.matchScore};
+            LeaderPlacement{clip.startOffset, clip.syncStatus, clip.placementPass, clip.matchScore,
+                            ClipRef{lead, ci}};
     }
     const std::string leadName = leader.name;
     double cursor = run.baseOffset;
@@ -83,7 +86,7 @@ void mirrorChannel(Run& run, int si, int lead) {
                 *clip.placementNote += " (" + *lp.pass + ")";
             }
             run.placementLog[clip.id] =
-                PlacementRecord{lp.off, lp.score.value_or(0.0f), "sibling-ch"};
+                PlacementRecord{lp.off, lp.score.value_or(0.0f), "sibling-ch", lp.clip};
             ++mirrored;
             cursor = lp.off + clip.duration;
         } else {
@@ -92,7 +95,7 @@ void mirrorChannel(Run& run, int si, int lead) {
             clip.matchScore.reset();
             clip.placementPass = "interp";
             clip.placementNote = "no matching take on '" + leadName + "'";
-            run.placementLog[clip.id] = PlacementRecord{std::nullopt, 0.0f, "interp"};
+            run.placementLog[clip.id] = PlacementRecord{std::nullopt, 0.0f, "interp", std::nullopt};
             cursor += clip.duration;
         }
         reportPlace(run, clip);

@@ -116,10 +116,10 @@ std::optional<double> probeBackupLinkage(Run& run, int si) {
             }
             for (int ready : run.region.readyTracks) {
                 for (int ci : regionClipsOf(run, ready)) {
-                    const std::vector<PoolSpan> one{spanOf(run.sources[ready].clips[ci])};
+                    const std::vector<PoolSpan> one{spanOf(run, ClipRef{ready, ci})};
                     const auto m = bestMatch(one, window, -kWidest, kWidest);
                     if (m && m->score >= kStrongScore) {
-                        votes.push_back(Match{m->pos - start, m->score});
+                        votes.push_back(Match{m->pos - start, m->score, m->partner});
                     }
                 }
             }
@@ -128,7 +128,7 @@ std::optional<double> probeBackupLinkage(Run& run, int si) {
     std::vector<PoolSpan> pool;
     for (int ready : run.region.readyTracks) {
         for (int ci : regionClipsOf(run, ready)) {
-            pool.push_back(spanOf(run.sources[ready].clips[ci]));
+            pool.push_back(spanOf(run, ClipRef{ready, ci}));
         }
     }
     if (const auto m = bestMatch(pool, L.bandFeature, -kWidest, kWidest);
@@ -142,13 +142,7 @@ std::optional<double> probeBackupLinkage(Run& run, int si) {
     const auto cluster = largestCluster(votes, kVoteClusterRadius);
     double pos = 0;
     if (cluster.size() >= 2) {
-        double sum = 0;
-        double weights = 0;
-        for (const auto& v : cluster) {
-            sum += v.pos * v.score;
-            weights += v.score;
-        }
-        pos = sum / std::max(weights, 0.000001);
+        pos = clusterConsensus(cluster).pos;
         logDetail(format("'%s' content consensus: %d/%d window votes clustered @ %llds",
                          name.c_str(), static_cast<int>(cluster.size()),
                          static_cast<int>(votes.size()), static_cast<long long>(pos)));
@@ -189,7 +183,7 @@ void placeBackupLinked(Run& run, int si, double offset) {
         clip.matchScore.reset();
         clip.placementPass = "linked";
         reportPlace(run, clip);
-        run.placementLog[clip.id] = PlacementRecord{cursor, 0.0f, "linked"};
+        run.placementLog[clip.id] = PlacementRecord{cursor, 0.0f, "linked", std::nullopt};
         cursor += clip.duration;
         advanceProgress(run, clipName(clip));
     }
@@ -214,7 +208,7 @@ void placeUnlinked(Run& run, int si) {
         clip.placementPass = "unlinked";
         clip.placementNote = note;
         reportPlace(run, clip);
-        run.placementLog[clip.id] = PlacementRecord{cursor, 0.0f, "unlinked"};
+        run.placementLog[clip.id] = PlacementRecord{cursor, 0.0f, "unlinked", std::nullopt};
         cursor += clip.duration;
         advanceProgress(run, clipName(clip));
     }

@@ -139,10 +139,10 @@ bool layoutReference(Run& run) {
         clip.syncStatus = SyncStatus::synced;
         clip.matchScore.reset();
         clip.placementPass = "ref";
-        run.placementLog[clip.id] = PlacementRecord{std::nullopt, 0.0f, "ref"};
+        run.placementLog[clip.id] = PlacementRecord{std::nullopt, 0.0f, "ref", std::nullopt};
         reportPlace(run, clip);
         if (clip.duration >= kShortestMatched) {
-            region.matchSpans.push_back(spanOf(clip));
+            region.matchSpans.push_back(spanOf(run, ClipRef{ref, ci}));
         }
         region.takes.back().push_back(ci);
         advanceProgress(run, clipName(clip));

@@ -96,7 +96,8 @@ std::optional<CrossLink> crossProbe(const ChainState& chain, int a, int b) {
         }
         const auto found = SpectralBands::peaks(*slice, *L.bandFeature, 0.0, kWidest, 8.0, 1, 0.5);
         if (!found.empty() && found.front().score >= kStrongScore) {
-            votes.push_back(Match{found.front().offsetSeconds - start, found.front().score});
+            votes.push_back(
+                Match{found.front().offsetSeconds - start, found.front().score, std::nullopt});
         }
     }
     if (votes.empty()) {
@@ -196,7 +197,7 @@ bool cameraCross(Run& run, ChainState& chain) {
             const double cand = chain.posOf.at(j) - x->offset;
             if (w.lo - kBracketTolerance <= cand && cand <= w.hi + kBracketTolerance &&
                 (!best || x->score > best->score)) {
-                best = Match{cand, x->score};
+                best = Match{cand, x->score, chain.refs[j]};
             }
         }
         if (!best) {
@@ -205,7 +206,8 @@ bool cameraCross(Run& run, ChainState& chain) {
         const double p = std::max(w.lo, std::min(w.hi, best->pos));
         chain.placed.insert(i);
         chain.posOf[i] = p;
-        run.placementLog[chain.clips[i].id] = PlacementRecord{p, best->score, "A3cam"};
+        run.placementLog[chain.clips[i].id] =
+            PlacementRecord{p, best->score, "A3cam", best->partner};
         chain.setClip(run, i, p, Placement::matched);
         logDetail(format("camera cross '%s' @ %.1fs score=%.1f (matched a sibling camera, no "
                          "external audio nearby)",
@@ -316,7 +318,10 @@ void cameraCluster(Run& run, ChainState& chain) {
                     break;
                 }
             }
-            run.placementLog[chain.clips[i].id] = PlacementRecord{p, score, "A3cluster"};
+            // The cluster hangs together by its longest member.
+            const std::optional<ClipRef> partner =
+                k == master ? std::nullopt : std::optional<ClipRef>(chain.refs[U[members[master]]]);
+            run.placementLog[chain.clips[i].id] = PlacementRecord{p, score, "A3cluster", partner};
             chain.setClip(run, i, p, Placement::matched);
         }
     }
@@ -371,7 +376,7 @@ void siblingProp(Run& run, ChainState& chain) {
             it != run.placementLog.end()) {
             score = it->second.score;
         }
-        run.placementLog[ci.id] = PlacementRecord{p, score, "sibling"};
+        run.placementLog[ci.id] = PlacementRecord{p, score, "sibling", chain.refs[j]};
         chain.setClip(run, i, p, Placement::matched);
         run.clip(chain.refs[i]).placementNote = "alongside '" + nameOf(chain, j) + "'";
         logDetail(format("sibling prop '%s' ← '%s' @ %.1fs", nameOf(chain, i).c_str(),

@@ -22,6 +22,9 @@
 
 namespace SyncEngine {
 
+// Band features have 25 frames per second.
+constexpr double kFramesPerSecond = 25.0;
+
 // The widest search bound: "no bound" on either side.
 constexpr double kWidest = std::numeric_limits<double>::max();
 
@@ -30,13 +33,18 @@ constexpr float kStrongScore = 7.0f;
 constexpr float kWeakScore = 4.5f;
 // Window votes of one clip that lie this close (inclusive) agree on its position.
 constexpr double kVoteClusterRadius = 5.0;
+// Votes of one cluster are averaged only this close to its best vote: votes a second apart came
+// from two different takes, and their mean lies in neither.
+constexpr double kVoteAverageRadius = 0.1;
 // Clips shorter than this are never compared and never enter a pool.
 constexpr double kShortestMatched = 5.0;
 
-// A position on the common timeline (where the clip's first sample falls) and its z-score.
+// A position on the common timeline (where the clip's first sample falls) and its z-score, with
+// the placed clip whose audio it was measured against, where one pool clip gave it.
 struct Match {
     double pos = 0;
     float score = 0;
+    std::optional<ClipRef> partner;
     bool operator==(const Match&) const = default;
 };
 
@@ -48,14 +56,17 @@ struct PoolSpan {
     std::optional<Date> date;
     ClockQuality quality = ClockQuality::none;
     std::optional<double> startTC;
+    // The placed clip this segment is.
+    std::optional<ClipRef> clip;
     bool operator==(const PoolSpan&) const = default;
 };
 
-// What the layout log tells about a placed clip.
+// What the layout log tells about a placed clip, and the clip it was placed against.
 struct PlacementRecord {
     std::optional<double> raw;
     float score = 0;
     std::string kind;
+    std::optional<ClipRef> partner;
 };
 
 // A lower and upper bound on a clip's start.
@@ -157,7 +168,7 @@ void calibrateSegmentIfNeeded(Run& run, int take, int backup);
 
 // Pools (AudioPools.cpp)
 
-PoolSpan spanOf(const ClipItem& clip);
+PoolSpan spanOf(const Run& run, ClipRef ref);
 void refreshMatchSpans(Run& run);
 // The best position within lo...hi of a feature over the pool's segments, with no floor on the
 // score; nothing when no segment yields a peak. Thread-safe.
@@ -176,6 +187,9 @@ std::optional<Match> multiWindowMatch(const std::optional<SpectralBands::Feature
 // The votes within `radius` of the seed that gathers most, each vote in turn a seed; of equal
 // clusters the first stays.
 std::vector<Match> largestCluster(const std::vector<Match>& votes, double radius);
+// What a cluster of votes says: the best vote's score and partner, at the score-weighted mean of
+// the votes within kVoteAverageRadius of it.
+Match clusterConsensus(const std::vector<Match>& cluster);
 std::optional<Match> clipMatch(const Run& run, int si, int ci, double lo, double hi,
                                const std::vector<PoolSpan>& spans);
 std::optional<Window> tcWindow(const ClipItem& clip, const std::vector<PoolSpan>& spans);

@@ -50,7 +50,7 @@ std::optional<Match> multiWindowMatch(const std::optional<SpectralBands::Feature
         if (!m) {
             continue;
         }
-        votes.push_back(Match{m->pos - start, m->score});
+        votes.push_back(Match{m->pos - start, m->score, m->partner});
     }
     if (votes.empty()) {
         return std::nullopt;
@@ -71,17 +71,27 @@ std::optional<Match> multiWindowMatch(const std::optional<SpectralBands::Feature
         }
         return std::nullopt;
     }
+    return clusterConsensus(cluster);
+}
+
+Match clusterConsensus(const std::vector<Match>& cluster) {
+    const Match* best = &cluster.front();
+    for (const auto& v : cluster) {
+        if (v.score > best->score) {
+            best = &v;
+        }
+    }
     double weighted = 0;
     double weights = 0;
-    float topScore = cluster.front().score;
     for (const auto& v : cluster) {
-        weighted += v.pos * static_cast<double>(v.score);
-        weights += static_cast<double>(v.score);
-        topScore = std::max(topScore, v.score);
+        if (std::abs(v.pos - best->pos) <= kVoteAverageRadius) {
+            weighted += v.pos * static_cast<double>(v.score);
+            weights += static_cast<double>(v.score);
+        }
     }
     // A weighted mean of the positions, but the best single score: the weaker witness does not
     // discount the result.
-    return Match{weighted / std::max(weights, kMinWeight), topScore};
+    return Match{weighted / std::max(weights, kMinWeight), best->score, best->partner};
 }
 
 std::vector<Match> largestCluster(const std::vector<Match>& votes, double radius) {

@@ -23,7 +23,7 @@ TEST(TrackSync, HotSpotNeedsThreeSeedsOverLongFootageInANarrowStretch) {
         std::map<int, Match> seeds;
         const int at[] = {0, 1, 3};
         for (std::size_t i = 0; i < seedPos.size(); ++i) {
-            seeds[at[i]] = Match{seedPos[i], 9.0f};
+            seeds[at[i]] = Match{seedPos[i], 9.0f, std::nullopt};
         }
         EXPECT_EQ(findHotSpot(seeds, prefix).has_value(), hot) << name;
     }

@@ -102,7 +102,7 @@ TEST(WindowMatching, VotesClusterAroundTheSeedThatGathersMost) {
     for (const auto& [name, positions, expected] : cases) {
         std::vector<Match> votes;
         for (double p : positions) {
-            votes.push_back(Match{p, 8.0f});
+            votes.push_back(Match{p, 8.0f, std::nullopt});
         }
         std::vector<double> kept;
         for (const auto& v : largestCluster(votes, kVoteClusterRadius)) {
@@ -124,7 +124,8 @@ TEST(WindowMatching, WindowsThatDisagreeNeedOneSingleStrongVote) {
     }
     const auto clip = cutFeature(mixed, 0, 25 * 100, 6, 0.0f);
     const std::vector<PoolSpan> pool = {PoolSpan{0, 600, cutFeature(pooled, 0, 25 * 600, 1, 0.0f),
-                                                 std::nullopt, ClockQuality::none, std::nullopt}};
+                                                 std::nullopt, ClockQuality::none, std::nullopt,
+                                                 std::nullopt}};
     EXPECT_EQ(multiWindowMatch(clip, 100, -kWidest, kWidest, pool, false), std::nullopt);
     const auto single = multiWindowMatch(clip, 100, -kWidest, kWidest, pool, true);
     ASSERT_TRUE(single.has_value());
