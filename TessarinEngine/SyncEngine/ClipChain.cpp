@@ -2,10 +2,23 @@
 #include "TessarinEngine/SyncEngine/TaskGroup.h"
 
 #include <algorithm>
+#include <cmath>
 #include <map>
 #include <numeric>
 
 namespace SyncEngine {
+
+namespace {
+
+// Clocks of two anchors agree when the shifts they imply lie this close: clocks count whole
+// seconds, and anchors are exact to a frame.
+constexpr double kClockAgreement = 2.0;
+// A match this far from where a proven clock puts its clip is a likeness, not the clip's place...
+constexpr double kClockContradiction = 5.0;
+// ...unless it is this strong: no clock overrules such a match.
+constexpr float kOverrulesClock = 12.0f;
+
+} // namespace
 
 void ChainState::init(const Run& run, std::vector<ClipRef> chainRefs) {
     refs = std::move(chainRefs);
@@ -22,6 +35,121 @@ void ChainState::init(const Run& run, std::vector<ClipRef> chainRefs) {
     std::iota(order.begin(), order.end(), 0);
     std::stable_sort(order.begin(), order.end(),
                      [&](int a, int b) { return clips[a].duration > clips[b].duration; });
+    // A track is one device, and tracks that name the same device (one camera's cards) are one.
+    std::map<std::string, int> deviceIds;
+    device.clear();
+    for (const auto& r : refs) {
+        const auto& track = run.sources[r.si];
+        const auto key = track.deviceName ? "=" + *track.deviceName : "#" + std::to_string(r.si);
+        device.push_back(deviceIds.emplace(key, static_cast<int>(deviceIds.size())).first->second);
+    }
+}
+
+std::optional<double> ChainState::provenClock(int i) const {
+    const auto& date = clips[i].recordingDate;
+    if (!date) {
+        return std::nullopt;
+    }
+    const auto witness = [&](int k) {
+        return k != i && device[k] == device[i] && clips[k].recordingDate && !clockLaid.contains(k);
+    };
+    std::vector<int> before;
+    std::vector<int> after;
+    for (auto it = strong.rbegin(); it != strong.rend() && before.size() < 2; ++it) {
+        if (*it < i && witness(*it)) {
+            before.push_back(*it);
+        }
+    }
+    for (auto it = strong.begin(); it != strong.end() && after.size() < 2; ++it) {
+        if (*it > i && witness(*it)) {
+            after.push_back(*it);
+        }
+    }
+    int a = 0;
+    int b = 0;
+    if (!before.empty() && !after.empty()) {
+        a = before.front();
+        b = after.front();
+    } else if (before.size() == 2) {
+        a = before.front();
+        b = before.back();
+    } else if (after.size() == 2) {
+        a = after.front();
+        b = after.back();
+    } else {
+        return std::nullopt;
+    }
+    const double shiftA = posOf.at(a) - *clips[a].recordingDate;
+    const double shiftB = posOf.at(b) - *clips[b].recordingDate;
+    if (std::abs(shiftA - shiftB) > kClockAgreement) {
+        return std::nullopt;
+    }
+    // Between its witnesses the clip takes the shift that runs from one to the other, so a clock
+    // that drifts slowly through the day is followed; beyond them, the nearer one's.
+    double shift = shiftA;
+    const double span = *clips[b].recordingDate - *clips[a].recordingDate;
+    if (a < i && i < b && std::abs(span) > 1e-9) {
+        const double t = std::clamp((*date - *clips[a].recordingDate) / span, 0.0, 1.0);
+        shift = shiftA + t * (shiftB - shiftA);
+    }
+    // A clock that would lay the clip out of order with its own device's anchors has a wrong date
+    // for this clip, whatever its neighbours say.
+    const double pos = *date + shift;
+    if (!before.empty() &&
+        pos < posOf.at(before.front()) + clips[before.front()].duration - kChainSlack) {
+        return std::nullopt;
+    }
+    if (!after.empty() && pos + clips[i].duration > posOf.at(after.front()) + kChainSlack) {
+        return std::nullopt;
+    }
+    return pos;
+}
+
+bool ChainState::clockOverrules(int i, float score, double pos) const {
+    if (score >= kOverrulesClock) {
+        return false;
+    }
+    const auto clock = provenClock(i);
+    return clock && std::abs(pos - *clock) > kClockContradiction;
+}
+
+void ChainState::dropAgainstProvenClocks(Run& run) {
+    std::vector<std::pair<int, double>> dropped;
+    for (int i : placed) {
+        if (clockLaid.contains(i)) {
+            continue;
+        }
+        const auto it = run.placementLog.find(clips[i].id);
+        const float score = it != run.placementLog.end() ? it->second.score : kStrongScore;
+        if (clockOverrules(i, score, posOf.at(i))) {
+            dropped.emplace_back(i, *provenClock(i));
+        }
+    }
+    for (const auto& [i, clock] : dropped) {
+        logDetail(format("'%s' match @ %.1fs lies %.0fs from where its device's clock, confirmed "
+                         "by its neighbours, puts it — dropped",
+                         clipName(clips[i]).c_str(), posOf.at(i), std::abs(posOf.at(i) - clock)));
+        placed.erase(i);
+        strong.erase(i);
+        posOf.erase(i);
+    }
+}
+
+void ChainState::placeByProvenClocks(Run& run) {
+    std::vector<std::pair<int, double>> laid;
+    for (int i = 0; i < static_cast<int>(clips.size()); ++i) {
+        if (!placed.contains(i)) {
+            if (const auto clock = provenClock(i)) {
+                laid.emplace_back(i, *clock);
+            }
+        }
+    }
+    for (const auto& [i, pos] : laid) {
+        placed.insert(i);
+        clockLaid.insert(i);
+        posOf[i] = pos;
+        run.placementLog[clips[i].id] = PlacementRecord{pos, 0.0f, "clock", std::nullopt};
+    }
 }
 
 Window ChainState::bounds(int i) const {
@@ -38,9 +166,16 @@ Window ChainState::bounds(int i) const {
     return w;
 }
 
-void ChainState::acceptFill(Run& run, int i, Match m, double lo, double hi,
+bool ChainState::acceptFill(Run& run, int i, Match m, double lo, double hi,
                             const std::string& kind) {
     const double p = std::max(lo, std::min(m.pos, hi));
+    if (clockOverrules(i, m.score, p)) {
+        logDetail(format("'%s' %s @ %.1fs score=%.1f lies %.0fs from where its device's clock, "
+                         "confirmed by its neighbours, puts it — ignored",
+                         clipName(clips[i]).c_str(), kind.c_str(), p, m.score,
+                         std::abs(p - *provenClock(i))));
+        return false;
+    }
     placed.insert(i);
     posOf[i] = p;
     if (m.score >= kStrongScore) {
@@ -54,6 +189,11 @@ void ChainState::acceptFill(Run& run, int i, Match m, double lo, double hi,
     clip.placementPass = kind;
     checkTimecode(clip, p, *checkSpans);
     reportPlace(run, clip);
+    if (m.score >= kStrongScore) {
+        // A new strong neighbour may prove a clock that earlier fills contradict.
+        dropAgainstProvenClocks(run);
+    }
+    return placed.contains(i);
 }
 
 void ChainState::setClip(Run& run, int i, double pos, Placement how) {
@@ -105,16 +245,8 @@ void ChainState::placeAnchor(Run& run, int i, Match m, const std::string& kind) 
 }
 
 ChainCounts ChainState::layout(Run& run) {
+    placeByProvenClocks(run);
     const std::vector<int> anchors(placed.begin(), placed.end());
-    // A track is one device, and tracks that name the same device (one camera's cards) are one.
-    std::map<std::string, int> deviceIds;
-    std::vector<int> deviceOf;
-    for (const auto& r : refs) {
-        const auto& track = run.sources[r.si];
-        const auto key = track.deviceName ? "=" + *track.deviceName : "#" + std::to_string(r.si);
-        deviceOf.push_back(
-            deviceIds.emplace(key, static_cast<int>(deviceIds.size())).first->second);
-    }
     const auto counts = layoutChain(
         anchors, posOf, [&](int i) { return clips[i].duration; },
         [&](int i) -> std::optional<Date> {
@@ -124,8 +256,10 @@ ChainCounts ChainState::layout(Run& run) {
             }
             return std::nullopt;
         },
-        [&](int i, double pos, Placement how) { setClip(run, i, pos, how); }, run.baseOffset,
-        static_cast<int>(clips.size()), [&](int i) { return deviceOf[i]; });
+        [&](int i, double pos, Placement how) {
+            setClip(run, i, pos, clockLaid.contains(i) ? Placement::clock : how);
+        },
+        run.baseOffset, static_cast<int>(clips.size()), [&](int i) { return device[i]; });
     for (int i = 0; i < static_cast<int>(clips.size()); ++i) {
         if (!placed.contains(i)) {
             run.clip(refs[i]).placementNote =
@@ -140,8 +274,10 @@ std::vector<Pass1Job> buildPass1Jobs(const Run& run, const ChainState& chain,
     std::vector<Pass1Job> jobs;
     for (int i = 0; i < static_cast<int>(chain.clips.size()); ++i) {
         const auto& clip = chain.clips[i];
-        jobs.push_back(Pass1Job{i, clipName(clip), clip.duration, clip.bandFeature,
-                                jobWindow(run, chain.refs[i].si, clip, spans)});
+        const Window clock = clockWindow(run, chain.refs[i].si, clip);
+        const Window window = jobWindow(run, chain.refs[i].si, clip, spans);
+        jobs.push_back(Pass1Job{i, clipName(clip), clip.duration, clip.bandFeature, window,
+                                window == clock ? std::nullopt : std::optional<Window>(clock)});
     }
     std::stable_sort(jobs.begin(), jobs.end(),
                      [](const auto& a, const auto& b) { return a.duration > b.duration; });
@@ -158,8 +294,15 @@ bool runPass1(Run& run, ChainState& chain, const std::vector<Pass1Job>& jobs,
             if (job.duration < kShortestMatched) {
                 return std::nullopt;
             }
-            const Window w = job.window.hi <= job.window.lo ? Window{} : job.window;
-            return multiWindowMatch(job.feature, job.duration, w.lo, w.hi, spans, false);
+            const auto search = [&](const Window& window) {
+                const Window w = window.hi <= window.lo ? Window{} : window;
+                return multiWindowMatch(job.feature, job.duration, w.lo, w.hi, spans, false);
+            };
+            auto m = search(job.window);
+            if (job.untimed && (!m || m->score < kStrongScore)) {
+                m = search(*job.untimed);
+            }
+            return m;
         },
         [&](int j, std::optional<Match> match) {
             if (run.cancelled()) {
@@ -206,6 +349,7 @@ void syncClipChain(Run& run, const std::vector<ClipRef>& refs, const std::string
         chain.strong.insert(i);
         chain.placeAnchor(run, i, chain.hits.at(i), "A1");
     }
+    chain.dropAgainstProvenClocks(run);
     for (int i = 0; i < n; ++i) {
         if (chain.placed.contains(i) || chain.clips[i].duration < kShortestMatched) {
             advanceProgress(run, clipName(chain.clips[i]), 0.5);
@@ -238,8 +382,8 @@ void syncClipChain(Run& run, const std::vector<ClipRef>& refs, const std::string
     siblingProp(run, chain);
 
     const auto counts = chain.layout(run);
-    std::string line = format("camera chain '%s': %d anchors of %d clips", label.c_str(),
-                              static_cast<int>(chain.placed.size()), n);
+    std::string line =
+        format("camera chain '%s': %d anchors of %d clips", label.c_str(), chain.matchedCount(), n);
     if (counts.byClock >= 1) {
         line += format(", %d placed by clock", counts.byClock);
     }

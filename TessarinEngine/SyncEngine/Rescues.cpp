@@ -150,17 +150,16 @@ bool longRescueChain(Run& run, ChainState& chain) {
         const auto& ref = chain.refs[i];
         const auto& spans = *chain.checkSpans;
         const auto m = clipMatch(run, ref.si, ref.ci, w.lo, w.hi, spans);
-        if (m && m->score >= kWeakScore) {
-            chain.acceptFill(run, i, *m, w.lo, w.hi, "A3b");
+        if (m && m->score >= kWeakScore && chain.acceptFill(run, i, *m, w.lo, w.hi, "A3b")) {
             logDetail(format("long rescue '%s' @ %.1fs score=%.1f (window %.0f…%.0f)",
                              nameOf(chain, i).c_str(), chain.posOf.at(i), m->score, w.lo, w.hi));
             return;
         }
         if (const auto prior = brollPriorWindow(run, w.lo, w.hi, chain.clips[i].duration)) {
             const auto m2 = clipMatch(run, ref.si, ref.ci, prior->lo, prior->hi, spans);
-            if (m2 && m2->score >= kWeakScore) {
+            if (m2 && m2->score >= kWeakScore &&
                 chain.acceptFill(run, i, *m2, std::max(w.lo, prior->lo), std::min(w.hi, prior->hi),
-                                 "A3b-broll");
+                                 "A3b-broll")) {
                 logDetail(format("long rescue '%s' @ %.1fs score=%.1f via B-roll prior (%.0f…%.0f)",
                                  nameOf(chain, i).c_str(), chain.posOf.at(i), m2->score, prior->lo,
                                  prior->hi));
@@ -204,6 +203,9 @@ bool cameraCross(Run& run, ChainState& chain) {
             continue;
         }
         const double p = std::max(w.lo, std::min(w.hi, best->pos));
+        if (chain.clockOverrules(i, best->score, p)) {
+            continue;
+        }
         chain.placed.insert(i);
         chain.posOf[i] = p;
         run.placementLog[chain.clips[i].id] =
@@ -388,8 +390,7 @@ bool longRescueTrack(Run& run, ChainState& chain, const std::vector<PoolSpan>& p
     const bool finished = forEachLongTake(run, chain, [&](int k, const Window& w) {
         const auto& ref = chain.refs[k];
         const auto m = clipMatch(run, ref.si, ref.ci, w.lo, w.hi, pool);
-        if (m && m->score >= kWeakScore) {
-            chain.acceptFill(run, k, *m, w.lo, w.hi, "A3b");
+        if (m && m->score >= kWeakScore && chain.acceptFill(run, k, *m, w.lo, w.hi, "A3b")) {
             logDetail(format("long rescue '%s' @ %.1fs score=%.1f (track '%s')",
                              nameOf(chain, k).c_str(), chain.posOf.at(k), m->score,
                              run.sources[ref.si].name.c_str()));

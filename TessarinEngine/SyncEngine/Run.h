@@ -214,14 +214,33 @@ struct ChainState {
     std::set<int> placed;
     std::set<int> strong;
     std::unordered_map<int, double> posOf;
+    // The recording device of each clip, numbered: a track, or tracks that name one device.
+    std::vector<int> device;
+    // Clips of `placed` that lie where their device's proven clock puts them, not by a match.
+    std::set<int> clockLaid;
     // The pool used for timecode checks of stored matches.
     const std::vector<PoolSpan>* checkSpans = nullptr;
 
     void init(const Run& run, std::vector<ClipRef> chainRefs);
     // Where the strong neighbours let clip i start.
     Window bounds(int i) const;
-    // Stores a bracketed match, held inside lo...hi.
-    void acceptFill(Run& run, int i, Match m, double lo, double hi, const std::string& kind);
+    // Where the clock of clip i's device puts it, when that clock is proven around it: its
+    // nearest strong anchors of the same device before and after it (or the two nearest on its
+    // one side) agree with their own clocks within 2 s, whatever the clock's quality. The clip
+    // itself is no witness. Nothing otherwise.
+    std::optional<double> provenClock(int i) const;
+    // Whether a match of clip i at `pos` is a likeness, not its place: a proven clock puts the
+    // clip more than 5 s away, and the match is below 12.0, which no clock overrules.
+    bool clockOverrules(int i, float score, double pos) const;
+    // Stores a bracketed match, held inside lo...hi, unless the device's proven clock puts the
+    // clip far from it and the match is not strong enough to overrule a clock (then false).
+    bool acceptFill(Run& run, int i, Match m, double lo, double hi, const std::string& kind);
+    // Drops every placed match that a proven clock contradicts (see acceptFill).
+    void dropAgainstProvenClocks(Run& run);
+    // Places every clip still unplaced whose device clock is proven around it, by that clock.
+    void placeByProvenClocks(Run& run);
+    // Clips placed by audio.
+    int matchedCount() const { return static_cast<int>(placed.size() - clockLaid.size()); }
     // The setClip of layoutChain and of the rescues.
     void setClip(Run& run, int i, double pos, Placement how);
     // Places a chosen anchor at its hit with the given code.
@@ -236,6 +255,9 @@ struct Pass1Job {
     double duration = 0;
     std::optional<SpectralBands::Feature> feature;
     Window window;
+    // Where timecode narrowed the window: the window without it, searched when the narrow one
+    // finds no hit. Timecode of devices that were never jammed together disagrees by minutes.
+    std::optional<Window> untimed;
 };
 
 // Builds the jobs of a chain against the Pass 1 pool, longest first.

@@ -168,6 +168,7 @@ TrackResult syncOneTrack(Run& run, int si) {
     } else {
         hotSpot = seedFromWholePool(run, chain, pool, trackName);
     }
+    chain.dropAgainstProvenClocks(run);
 
     if (!hotSpot) {
         for (int k : chain.order) {
@@ -218,8 +219,8 @@ TrackResult syncOneTrack(Run& run, int si) {
             }
         }
     }
-    logDetail(format("track '%s': %d anchors of %d clips", trackName.c_str(),
-                     static_cast<int>(chain.placed.size()), n));
+    logDetail(
+        format("track '%s': %d anchors of %d clips", trackName.c_str(), chain.matchedCount(), n));
     int matched = 0;
     for (const auto& r : refs) {
         if (run.clip(r).matchScore) {
