@@ -112,7 +112,7 @@ std::string TessarinError::caseText() const {
 
 bool isCodeWithoutScore(std::string_view code) {
     return code == "ref" || code == "interp" || code == "interp-noaudio" || code == "clock" ||
-           code == "unlinked" || code == "sibling-ch";
+           code == "unlinked" || code == "sibling-ch" || code == "chapter";
 }
 
 std::string ClipItem::placementExplanation() const {
@@ -140,6 +140,7 @@ std::string ClipItem::placementExplanation() const {
         {"A3cam", "Matched a sibling camera \u2014 no external recorder nearby"},
         {"A3cluster", "Synced only against other cameras \u2014 no external recorder nearby"},
         {"A3b-broll", "Long take placed via nearby B-roll"},
+        {"chapter", "Continues the previous chapter of the same recording"},
     };
 
     const std::string code = placementPass.value_or("");

@@ -135,6 +135,54 @@ void ChainState::dropAgainstProvenClocks(Run& run) {
     }
 }
 
+void ChainState::placeChapters(Run& run) {
+    const int n = static_cast<int>(clips.size());
+    for (int i = 0; i < n; ++i) {
+        const auto& key = clips[i].recordingKey;
+        if (!key || strong.contains(i)) {
+            continue;
+        }
+        // The chapters of this recording on the same device, by chapter.
+        std::map<int, int> chapters;
+        for (int k = 0; k < n; ++k) {
+            if (clips[k].recordingKey == key && device[k] == device[i]) {
+                chapters.emplace(clips[k].chapterIndex, k);
+            }
+        }
+        std::optional<int> lead;
+        for (const auto& [index, k] : chapters) {
+            if (strong.contains(k) && !clockLaid.contains(k) &&
+                (!lead || std::abs(index - clips[i].chapterIndex) <
+                              std::abs(clips[*lead].chapterIndex - clips[i].chapterIndex))) {
+                lead = k;
+            }
+        }
+        if (!lead) {
+            continue;
+        }
+        // The chapters between the two ran back to back.
+        const int from = std::min(clips[i].chapterIndex, clips[*lead].chapterIndex);
+        const int to = std::max(clips[i].chapterIndex, clips[*lead].chapterIndex);
+        double between = 0;
+        for (const auto& [index, k] : chapters) {
+            if (index >= from && index < to) {
+                between += clips[k].duration;
+            }
+        }
+        const double pos = clips[*lead].chapterIndex < clips[i].chapterIndex
+                               ? posOf.at(*lead) + between
+                               : posOf.at(*lead) - between;
+        placed.insert(i);
+        strong.insert(i);
+        clockLaid.erase(i);
+        posOf[i] = pos;
+        const auto it = run.placementLog.find(clips[*lead].id);
+        const float score = it != run.placementLog.end() ? it->second.score : kStrongScore;
+        run.placementLog[clips[i].id] = PlacementRecord{pos, score, "chapter", refs[*lead]};
+        setClip(run, i, pos, Placement::matched);
+    }
+}
+
 void ChainState::placeByProvenClocks(Run& run) {
     std::vector<std::pair<int, double>> laid;
     for (int i = 0; i < static_cast<int>(clips.size()); ++i) {
@@ -205,6 +253,10 @@ void ChainState::setClip(Run& run, int i, double pos, Placement how) {
             clip.syncStatus = statusForScore(it->second.score);
             clip.matchScore = it->second.score;
             clip.placementPass = it->second.kind;
+            if (it->second.kind == "chapter") {
+                // A chapter measured nothing of its own: it is as sure as the chapter it follows.
+                clip.matchScore.reset();
+            }
         } else {
             clip.syncStatus = SyncStatus::synced;
             clip.matchScore.reset();
@@ -245,6 +297,7 @@ void ChainState::placeAnchor(Run& run, int i, Match m, const std::string& kind) 
 }
 
 ChainCounts ChainState::layout(Run& run) {
+    placeChapters(run);
     placeByProvenClocks(run);
     const std::vector<int> anchors(placed.begin(), placed.end());
     const auto counts = layoutChain(
@@ -350,6 +403,7 @@ void syncClipChain(Run& run, const std::vector<ClipRef>& refs, const std::string
         chain.placeAnchor(run, i, chain.hits.at(i), "A1");
     }
     chain.dropAgainstProvenClocks(run);
+    chain.placeChapters(run);
     for (int i = 0; i < n; ++i) {
         if (chain.placed.contains(i) || chain.clips[i].duration < kShortestMatched) {
             advanceProgress(run, clipName(chain.clips[i]), 0.5);

@@ -165,6 +165,10 @@ int chooseReference(const Run& run);
 // when cancelled.
 bool layoutReference(Run& run);
 void calibrateSegmentIfNeeded(Run& run, int take, int backup);
+// Once every other device is placed: moves each reference clip where the clips placed against the
+// other reference clips hear it (two votes within 0.1 s, the best of 7.0 or more, 0.04 to 60 s
+// away), together with every clip placed against it.
+void checkReferenceByAudio(Run& run);
 
 // Pools (AudioPools.cpp)
 
@@ -237,6 +241,9 @@ struct ChainState {
     bool acceptFill(Run& run, int i, Match m, double lo, double hi, const std::string& kind);
     // Drops every placed match that a proven clock contradicts (see acceptFill).
     void dropAgainstProvenClocks(Run& run);
+    // Lays every chapter of a recording that has no strong match of its own against the nearest
+    // chapter of the same recording that has one, after its end or before its start.
+    void placeChapters(Run& run);
     // Places every clip still unplaced whose device clock is proven around it, by that clock.
     void placeByProvenClocks(Run& run);
     // Clips placed by audio.

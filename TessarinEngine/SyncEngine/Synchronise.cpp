@@ -137,10 +137,11 @@ bool runRegion(Run& run) {
     if (!runChannelTracks(run)) {
         return false;
     }
-    if (!runLateCameras(run)) {
+    if (!runLateCameras(run) || !runLateGroups(run)) {
         return false;
     }
-    return runLateGroups(run);
+    checkReferenceByAudio(run);
+    return true;
 }
 
 } // namespace

@@ -169,6 +169,9 @@ TrackResult syncOneTrack(Run& run, int si) {
         hotSpot = seedFromWholePool(run, chain, pool, trackName);
     }
     chain.dropAgainstProvenClocks(run);
+    if (!hotSpot) {
+        chain.placeChapters(run);
+    }
 
     if (!hotSpot) {
         for (int k : chain.order) {
