@@ -1,0 +1,102 @@
+#include "tests/SyncEngine/SyncFixtures.h"
+
+#include <gtest/gtest.h>
+
+using namespace SyncEngine;
+using namespace SyncFixtures;
+
+namespace {
+
+constexpr Date kT0 = 1.7e9;
+
+// A camera clip that heard `sound` from `from` for `dur` seconds through noise of `noise`, with a
+// camera's clock (a container date) that says it began at `clockAt` on the timeline.
+ClipItem cameraClip(const Sound& sound, const std::string& name, double from, double dur,
+                    double clockAt, unsigned seed, float noise = 0.3f) {
+    auto clip = makeClip(name, dur, kT0 + clockAt, ClockQuality::asset);
+    clip.bandFeature = cutFeature(sound, static_cast<int>(std::lround(from * 25)),
+                                  static_cast<int>(std::lround(dur * 25)), seed, noise);
+    return clip;
+}
+
+} // namespace
+
+TEST(ClipChain, ProvenClockOverrulesAModestMatchFarFromIt) {
+    // The recorder heard 0...200 s, with a passage at 150 s that a camera clip shot at 300 s, in a
+    // pause of the recorder, also heard (a song played twice). The camera's two clips before it
+    // are anchored where its clock says: the clock is proven, and the likeness at 150 s is not
+    // the clip's place unless the clock agrees with it or the match is overwhelming.
+    const auto signal = randomBands(25 * 400, 61);
+    const auto rec = audioTrack("Rec", {heardClip(signal, "Rec_0", 0, 200, 1, kT0)});
+    // Where the camera's clock puts the clip, how well it heard the passage, where it lands and
+    // how.
+    const std::tuple<const char*, double, float, double, const char*> cases[] = {
+        {"modest match 150 s from the clock", 300, 14.0f, 300, "clock"},
+        {"modest match where the clock says", 152, 14.0f, 150, "A3"},
+        {"overwhelming match far from the clock", 300, 0.05f, 150, "A1"},
+    };
+    for (const auto& [name, clockAt, noise, at, pass] : cases) {
+        SCOPED_TRACE(name);
+        const auto cam = videoTrack("Cam", {cameraClip(signal, "C0", 20, 30, 20, 2),
+                                            cameraClip(signal, "C1", 60, 30, 60, 3),
+                                            cameraClip(signal, "C2", 150, 30, clockAt, 4, noise)});
+        TestSupport::LogCapture log;
+        const auto out = runEngine({cam, rec});
+        const auto& clip = out[0].clips[2];
+        EXPECT_NEAR(clip.startOffset, at, 0.05);
+        EXPECT_EQ(clip.placementPass, pass);
+        if (std::string(pass) == "clock") {
+            EXPECT_EQ(clip.syncStatus, SyncStatus::weak);
+            EXPECT_FALSE(clip.matchScore.has_value());
+        }
+    }
+}
+
+TEST(ClipChain, ChaptersWithoutAMatchFollowTheirRecordingsMatchedChapter) {
+    // One take split into three 100 s chapters, truly at 0, 100 and 200 s. The recorder heard
+    // only the first (or the first two): the rest continue the last matched chapter exactly.
+    const auto signal = randomBands(25 * 400, 71);
+    const std::tuple<const char*, double, std::vector<std::string>> cases[] = {
+        {"only the first chapter heard", 95, {"A1", "chapter", "chapter"}},
+        {"the first two heard", 195, {"A1", "A1", "chapter"}},
+    };
+    for (const auto& [name, heard, passes] : cases) {
+        SCOPED_TRACE(name);
+        std::vector<ClipItem> chapters;
+        for (int k = 0; k < 3; ++k) {
+            auto clip = cameraClip(signal, "GX0" + std::to_string(k + 1) + "0045", 100.0 * k, 100,
+                                   5000, 10 + k);
+            clip.recordingKey = "GX0045";
+            clip.chapterIndex = k;
+            chapters.push_back(clip);
+        }
+        const auto out = runEngine({videoTrack("Cam", chapters),
+                                    audioTrack("Rec", {heardClip(signal, "R", 0, heard, 1)})});
+        for (int k = 0; k < 3; ++k) {
+            const auto& clip = out[0].clips[k];
+            EXPECT_NEAR(clip.startOffset, 100.0 * k, 0.05) << k;
+            EXPECT_EQ(clip.placementPass, passes[k]) << k;
+            EXPECT_EQ(clip.syncStatus, SyncStatus::synced) << k;
+        }
+        EXPECT_EQ(out[0].clips[2].placementExplanation(),
+                  "Continues the previous chapter of the same recording");
+    }
+}
+
+TEST(ClipChain, TimecodeThatWasNeverJammedFallsBackToTheClockWindow) {
+    // The camera's timecode runs 0 s or 90 s off the recorder's: Pass 1 searches 1.5 s around
+    // where it says first, and without it when that finds nothing.
+    const auto signal = randomBands(25 * 400, 81);
+    for (double tcError : {0.0, 90.0}) {
+        SCOPED_TRACE(tcError);
+        auto rec = heardClip(signal, "R", 0, 400, 1);
+        rec.startTimecode = 36000;
+        auto cam = heardClip(signal, "C", 150, 60, 2);
+        cam.startTimecode = 36000 + 150 + tcError;
+        TestSupport::LogCapture log;
+        const auto out = runEngine({videoTrack("Cam", {cam}), audioTrack("Rec", {rec})});
+        EXPECT_NEAR(out[0].clips[0].startOffset, 150, 0.041);
+        EXPECT_EQ(out[0].clips[0].placementPass, "A1");
+        EXPECT_EQ(out[0].clips[0].tcDisagrees, tcError > 0);
+    }
+}

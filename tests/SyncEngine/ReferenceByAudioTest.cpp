@@ -1,0 +1,45 @@
+#include "tests/SyncEngine/SyncFixtures.h"
+
+#include <gtest/gtest.h>
+
+using namespace SyncEngine;
+using namespace SyncFixtures;
+
+TEST(ReferenceByAudio, ATakeJoinedByItsWholeSecondClockMovesWhereTheCameraHearsIt) {
+    // The recorder stopped at 100 s and started again `pause` s later; its clock counts whole
+    // seconds, so the second take is dated (pause - 0.6) s after the first ends. Under 2 s the
+    // two are butt-joined and the second take lies 1.4 s early; a camera that rolled across both
+    // takes hears where it truly lies. With a longer pause the clock keeps it (0.6 s early, which
+    // the camera also corrects).
+    constexpr Date t0 = 1.7e9;
+    const auto signal = randomBands(25 * 400, 91);
+    for (double pause : {2.0, 3.6}) {
+        SCOPED_TRACE(pause);
+        const double second = 100 + pause;
+        const auto rec =
+            audioTrack("Rec", {heardClip(signal, "T1", 0, 100, 1, t0),
+                               heardClip(signal, "T2", second, 100, 2, t0 + std::floor(second))});
+        const auto cam = videoTrack("Cam", {heardClip(signal, "C1", 60, 100, 3)});
+        TestSupport::LogCapture log;
+        const auto out = runEngine({cam, rec});
+        const double camAt = out[0].clips[0].startOffset;
+        EXPECT_NEAR(out[1].clips[0].startOffset - camAt, 0 - 60, 0.041);
+        EXPECT_NEAR(out[1].clips[1].startOffset - camAt, second - 60, 0.041);
+        EXPECT_EQ(linesWith(log, "[SyncEngine]  ref 'Rec' clip '").size(), 1u);
+    }
+}
+
+TEST(ReferenceByAudio, TakesThatNoOtherDeviceLinksStayWhereTheClockLaidThem) {
+    // Each camera clip heard one take only: nothing relates the takes, so nothing moves.
+    constexpr Date t0 = 1.7e9;
+    const auto signal = randomBands(25 * 400, 92);
+    const auto rec = audioTrack("Rec", {heardClip(signal, "T1", 0, 100, 1, t0),
+                                        heardClip(signal, "T2", 101.6, 100, 2, t0 + 101)});
+    const auto cam = videoTrack(
+        "Cam", {heardClip(signal, "C1", 20, 60, 3), heardClip(signal, "C2", 120, 60, 4)});
+    TestSupport::LogCapture log;
+    const auto out = runEngine({cam, rec});
+    EXPECT_NEAR(out[1].clips[1].startOffset - out[1].clips[0].startOffset, 100, 1e-9);
+    EXPECT_NEAR(out[0].clips[1].startOffset - out[1].clips[1].startOffset, 120 - 101.6, 0.041);
+    EXPECT_TRUE(linesWith(log, "[SyncEngine]  ref 'Rec' clip '").empty());
+}
