@@ -97,6 +97,14 @@ struct ClipItem {
     std::optional<SpectralBands::Feature> bandFeature;
     AudioUsability audioUsability = AudioUsability::ok;
     std::optional<Uuid> siblingLeaderID;
+    // The recording a chapter file belongs to, where a camera split one take into several
+    // files; the same text for all chapters of that recording. Set at ingest.
+    std::optional<std::string> recordingKey;
+    // The chapter's place in its recording, 0 for the first file. Meaningful only with a key.
+    int chapterIndex = 0;
+    // The UTC offset, in minutes, that the file wrote its recording date with, where it states
+    // one (Sony XML); nothing for dates written without a zone.
+    std::optional<int> clockOffsetMinutes;
 
     ClipItem() = default;
     explicit ClipItem(std::filesystem::path file) : url(std::move(file)) {}
