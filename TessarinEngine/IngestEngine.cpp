@@ -8,6 +8,7 @@
 #include "TessarinEngine/platform/Text.h"
 
 #include <array>
+#include <cstdio>
 #include <map>
 #include <unordered_set>
 
@@ -47,8 +48,28 @@ bool isAudioExtension(const std::string& lowerExt) {
     return std::find(kAudio.begin(), kAudio.end(), lowerExt) != kAudio.end();
 }
 
+namespace {
+
+// The name that decides a file's place. A chapter file is named as its recording, then its
+// chapter ("GX020045" sorts as "GX004501"), so that a recording's chapters stay together instead
+// of interleaving with the next recording's; every other name is itself. Sorting by this key
+// keeps the order a strict weak one, as no pair of names is compared by a rule of its own.
+std::string orderName(const fs::path& p, const std::string& name) {
+    const auto chapter = IngestEngine::chapterName(p);
+    if (!chapter) {
+        return name;
+    }
+    char key[32];
+    std::snprintf(key, sizeof key, "%s%04d%02d", chapter->prefix.c_str(), chapter->recording,
+                  chapter->chapter);
+    return key + withoutTrailingSeparator(p).extension().string();
+}
+
+} // namespace
+
 OrderKey::OrderKey(fs::path p)
-    : path_(std::move(p)), name_(fileName(path_)), key_(Collation::sortKey(name_)) {}
+    : path_(std::move(p)), name_(fileName(path_)),
+      key_(Collation::sortKey(orderName(path_, name_))) {}
 
 const std::optional<Date>& OrderKey::date() const {
     if (!date_) {

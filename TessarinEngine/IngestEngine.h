@@ -48,8 +48,27 @@ struct IngestEngine {
 
     // Makes each track mean one device.
     static std::vector<TrackSource> splitSourcesByDevice(std::vector<TrackSource> sources);
+    // Reads the dates that carry a UTC offset (Sony XML) as wall clock, like the zone-less dates
+    // of Broadcast WAV, in each session where the other devices' dates show that the shoot's
+    // clocks ran on local time: the offset-carrying dates sit a whole number of quarter hours
+    // (30 min to 14 h) from them and agree within 15 min once the offset is dropped. With several
+    // offsets the one of most clips counts. Converted clips lose `clockOffsetMinutes`. Logs one
+    // line per session changed.
+    static std::vector<TrackSource> alignZonedClocks(std::vector<TrackSource> sources);
+    // Splits an audio track that holds the channel files of a multitrack recorder (at least 90 %
+    // of its clips have a `twin` in the same track, and its suffixes are no more than the channel
+    // files of one take) into one track per channel suffix, named "{track} {suffix}", in natural
+    // order of the suffixes; clips without a suffix join the first. Each part keeps the track's
+    // type, session and device. Other tracks are unchanged. Logs one line per track split.
+    static std::vector<TrackSource> splitChannelTracks(std::vector<TrackSource> sources);
     // Ties the channel files of one recorder to a lead track.
     static std::vector<TrackSource> detectSiblingChannels(std::vector<TrackSource> sources);
+    // Sets `recordingKey` and `chapterIndex` on the files a camera split from one take, where at
+    // least two files of the recording are on the track: by `chapterName` in one folder, or, for
+    // other names, by a run of files that each start within 1 s of the end of the one before by
+    // trusted clocks (filename or better) while every file but the last reaches the track's size
+    // limit (the largest file size, within 1 %, reached by at least two files). Reads file sizes.
+    static std::vector<TrackSource> markChapters(std::vector<TrackSource> sources);
     // Marks tracks that are one camera split over several folders.
     static std::vector<TrackSource> assignCameraGroups(std::vector<TrackSource> sources);
     // The final order of tracks: video before audio, natural name order within each.
@@ -70,7 +89,8 @@ struct IngestEngine {
     // The longest common run of leading path components; for one path its folder; "" for none.
     static std::string commonAncestorPath(const std::vector<std::string>& paths);
     // Whether `a` goes before `b`: natural order of file names, then for equal names the earlier
-    // file creation date, then plain text order of the names.
+    // file creation date, then plain text order of the names. Chapter files (`chapterName`) are
+    // ordered by prefix, recording number, then chapter, so a recording's chapters stay together.
     static bool chronologicalOrder(const std::filesystem::path& a, const std::filesystem::path& b);
 
     // A device name reduced to what identifies the model: upper case, words of letters and
@@ -87,6 +107,18 @@ struct IngestEngine {
     // A file name split before its trailing digits: "A001C002.mov" is ("A001C", 2). Nothing
     // without a prefix or without trailing digits.
     static std::optional<NumericKey> clipNumericKey(const std::filesystem::path& url);
+
+    struct ChapterName {
+        std::string prefix;
+        int recording = 0;
+        // The file's place in its recording, 0 for the first.
+        int chapter = 0;
+        bool operator==(const ChapterName&) const = default;
+    };
+    // The recording and chapter of an action camera's chapter file: "GX020045.MP4" is chapter 1
+    // of recording 45 with prefix "GX" (also GH, GL); "GOPR0045" and "GP010045" are chapters 0
+    // and 1 of recording 45 with prefix "GP". Nothing for any other name.
+    static std::optional<ChapterName> chapterName(const std::filesystem::path& url);
 
     // The take name shared by the channel files of one recording: the name without extension cut
     // before its last "_suffix" ("SCENE12_3" is "SCENE12"; "_3" and "TAKE" stay).

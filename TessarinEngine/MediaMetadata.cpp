@@ -205,6 +205,25 @@ std::optional<double> timecodeOfMovie(const QuickTime::Movie& movie, Bytes file)
 
 // ---- Recording clock ----
 
+// The lastUpdate date of the Sony XML found last in the final 4 MiB, with the zone it states.
+std::optional<LocalTime::ZonedDate> sonyXMLClock(Bytes file) {
+    static const Regex::Pattern lastUpdate("lastUpdate=\"([^\"]+)\"");
+    const std::string_view tail = tailOf(file);
+    auto at = lastXmlMarker(tail);
+    if (!at) {
+        return std::nullopt;
+    }
+    const std::string_view text = tail.substr(*at);
+    if (!Text::isValidUtf8(text)) {
+        return std::nullopt;
+    }
+    auto match = lastUpdate.firstMatch(text);
+    if (!match) {
+        return std::nullopt;
+    }
+    return LocalTime::fromIso8601Zoned((*match)[1]);
+}
+
 std::optional<Date> readAssetCreationDate(Clip& clip) {
     if (clip.isRiffWave()) {
         return std::nullopt;
@@ -232,28 +251,29 @@ std::optional<Date> readAssetCreationDate(Clip& clip) {
     return std::nullopt;
 }
 
+// Only a Sony XML date keeps the zone it was written in; the other sources give none.
 RecordingClock recordingClock(Clip& clip) {
     if (isOneOf(clip.ext(), {"wav", "wave"})) {
         if (auto date = readBWFOriginationDate(clip.bytes())) {
-            return {date, ClockQuality::embedded};
+            return {date, ClockQuality::embedded, std::nullopt};
         }
     }
     if (isMovieExtension(clip.ext())) {
-        if (auto date = readSonyXMLDate(clip.bytes())) {
-            return {date, ClockQuality::embedded};
+        if (auto zoned = sonyXMLClock(clip.bytes())) {
+            return {zoned->date, ClockQuality::embedded, zoned->offsetMinutes};
         }
     }
     if (auto date = dateFromFilename(clip.url().filename().string())) {
-        return {date, ClockQuality::filename};
+        return {date, ClockQuality::filename, std::nullopt};
     }
     if (auto date = readAssetCreationDate(clip)) {
-        return {date, ClockQuality::asset};
+        return {date, ClockQuality::asset, std::nullopt};
     }
     if (auto date = clip.file().creationDate()) {
-        return {date, ClockQuality::filesystem};
+        return {date, ClockQuality::filesystem, std::nullopt};
     }
     if (auto date = clip.file().modificationDate()) {
-        return {date, ClockQuality::filesystem};
+        return {date, ClockQuality::filesystem, std::nullopt};
     }
     return {};
 }
@@ -514,6 +534,7 @@ ClipMeta readClipMeta(const std::filesystem::path& url) {
         const auto clock = recordingClock(clip);
         meta.date = clock.date;
         meta.quality = clock.quality;
+        meta.clockOffsetMinutes = clock.offsetMinutes;
         meta.channels = channelCount(clip);
         meta.size = videoSize(clip);
         meta.timecode = startTimecode(clip);
@@ -668,21 +689,8 @@ std::vector<int> readIXMLChannelIndices(Bytes wav, int channelCount) {
 // ---- Sony XML and other camera metadata ----
 
 std::optional<Date> readSonyXMLDate(Bytes file) {
-    static const Regex::Pattern lastUpdate("lastUpdate=\"([^\"]+)\"");
-    const std::string_view tail = tailOf(file);
-    auto at = lastXmlMarker(tail);
-    if (!at) {
-        return std::nullopt;
-    }
-    const std::string_view text = tail.substr(*at);
-    if (!Text::isValidUtf8(text)) {
-        return std::nullopt;
-    }
-    auto match = lastUpdate.firstMatch(text);
-    if (!match) {
-        return std::nullopt;
-    }
-    return LocalTime::fromIso8601((*match)[1]);
+    const auto zoned = sonyXMLClock(file);
+    return zoned ? std::optional(zoned->date) : std::nullopt;
 }
 
 std::optional<std::string> readXMLBox(Bytes file) {

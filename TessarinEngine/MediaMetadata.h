@@ -28,6 +28,8 @@ struct ClipMeta {
     std::vector<int> channelMap;
     std::optional<std::pair<int, int>> size;
     std::optional<double> timecode;
+    // The UTC offset the date was written with, where the source states one (Sony XML).
+    std::optional<int> clockOffsetMinutes;
 };
 
 // All metadata reads of one clip: duration, frame rate, device, recording clock, channel count,
@@ -40,6 +42,8 @@ ClipMeta readClipMeta(const std::filesystem::path& url);
 struct RecordingClock {
     std::optional<Date> date;
     ClockQuality quality = ClockQuality::none;
+    // Minutes east of UTC that the date was written in, where the source states a zone.
+    std::optional<int> offsetMinutes;
     bool operator==(const RecordingClock&) const = default;
 };
 

@@ -102,6 +102,9 @@ struct ClipItem {
     std::optional<std::string> recordingKey;
     // The chapter's place in its recording, 0 for the first file. Meaningful only with a key.
     int chapterIndex = 0;
+    // The UTC offset, in minutes, that the file wrote its recording date with, where it states
+    // one (Sony XML); nothing for dates written without a zone.
+    std::optional<int> clockOffsetMinutes;
 
     ClipItem() = default;
     explicit ClipItem(std::filesystem::path file) : url(std::move(file)) {}

@@ -200,8 +200,13 @@ bool runPipeline(const Request& request, const EventSink& emit) {
             emit(ProgressEvent{"metadata", metadataDone / metadataTotal, std::nullopt});
         });
 
+        sources = IngestEngine::alignZonedClocks(std::move(sources));
         sources = IngestEngine::splitSourcesByDevice(std::move(sources));
+        // Channel files that came out as one track (one folder, or one folder per take) must be
+        // tracks of their own before the channel tracks are tied to a lead.
+        sources = IngestEngine::splitChannelTracks(std::move(sources));
         sources = IngestEngine::detectSiblingChannels(std::move(sources));
+        sources = IngestEngine::markChapters(std::move(sources));
         sources = IngestEngine::assignCameraGroups(std::move(sources));
         sources = IngestEngine::sortSources(std::move(sources));
 

@@ -36,7 +36,97 @@ TrackSource video(const std::string& name, const std::vector<std::string>& files
 constexpr Date kT = 1700000000;
 constexpr auto kEmbedded = ClockQuality::embedded;
 
+// A recorder's channel files in one track: "{take}{suffix}.WAV" for every take and suffix, each
+// take with its own length and start.
+TrackSource recorder(const std::vector<std::string>& takes,
+                     const std::vector<std::string>& suffixes, std::vector<ClipItem> more = {}) {
+    std::vector<ClipItem> clips;
+    for (std::size_t k = 0; k < takes.size(); ++k) {
+        for (const auto& suffix : suffixes) {
+            clips.push_back(clip(takes[k] + suffix + ".WAV", 30.0 + k, kT + 100.0 * k, kEmbedded));
+        }
+    }
+    clips.insert(clips.end(), more.begin(), more.end());
+    auto track = trackOf("Sound", clips);
+    track.deviceName = "F8n";
+    return track;
+}
+
+// "name/type/device/session: files" per track, joined by "; ".
+std::string summary(const std::vector<TrackSource>& tracks) {
+    std::string out;
+    for (const auto& t : tracks) {
+        out += (out.empty() ? "" : "; ") + t.name + "/" + std::string(toString(t.type)) + "/" +
+               t.deviceName.value_or("-") + "/" + t.session + ":";
+        for (const auto& c : t.clips) {
+            out += " " + c.url.stem().string();
+        }
+    }
+    return out;
+}
+
 } // namespace
+
+TEST(IngestEngine, ChannelFilesOfOneTrackSplitIntoOneTrackPerChannel) {
+    // No twin, and no suffix: it joins the first channel in natural order.
+    const auto plain = clip("S4.WAV", 10, kT + 900, kEmbedded);
+    // An empty summary: the track stays as it is.
+    const std::tuple<const char*, TrackSource, std::string, long> cases[] = {
+        {"two channels in one folder", recorder({"SCENE01", "SCENE02"}, {"_1", "_2"}),
+         "Sound 1/audio/F8n//s: SCENE01_1 SCENE02_1; Sound 2 2/audio/F8n//s: SCENE01_2 SCENE02_2",
+         1},
+        {"four channels, one folder per take",
+         recorder({"ZOOM0003/ZOOM0003", "ZOOM0004/ZOOM0004"}, {"_Tr1", "_Tr2", "_Tr10", "_LR"}),
+         "Sound LR/audio/F8n//s: ZOOM0003_LR ZOOM0004_LR; "
+         "Sound Tr1/audio/F8n//s: ZOOM0003_Tr1 ZOOM0004_Tr1; "
+         "Sound Tr2/audio/F8n//s: ZOOM0003_Tr2 ZOOM0004_Tr2; "
+         "Sound Tr10/audio/F8n//s: ZOOM0003_Tr10 ZOOM0004_Tr10",
+         3},
+        // The first channel's extra clip keeps it from the others' lead by the channel rules.
+        {"nine of ten clips twinned", recorder({"S1", "S2", "S3"}, {"_1", "_2", "_3"}, {plain}),
+         "Sound 1/audio/F8n//s: S1_1 S2_1 S3_1 S4; Sound 2 2/audio/F8n//s: S1_2 S2_2 S3_2; "
+         "Sound 3/audio/F8n//s: S1_3 S2_3 S3_3",
+         1},
+        {"eight of ten clips twinned",
+         recorder({"S1", "S2", "S3", "S4"}, {"_1", "_2"},
+                  {clip("S5_1.WAV", 10, kT + 800, kEmbedded),
+                   clip("S6_1.WAV", 10, kT + 900, kEmbedded)}),
+         "", 0},
+        {"no twins", recorder({"T001", "T002", "T003"}, {""}), "", 0},
+        {"trusted clocks 5 s apart",
+         trackOf("Sound",
+                 {clip("S1_1.WAV", 10, kT, kEmbedded), clip("S1_2.WAV", 10, kT + 5, kEmbedded)}),
+         "", 0},
+        {"a video track", video("Sound", {"C1_1.MP4", "C1_2.MP4"}), "", 0},
+        // Two channel files per take, but the take number sits in the suffix.
+        {"take numbers in the suffix", recorder({"TASCAM_0001", "TASCAM_0002"}, {"S12", "S34"}), "",
+         0},
+    };
+    for (const auto& [name, track, expected, followers] : cases) {
+        SCOPED_TRACE(name);
+        // A track of that name elsewhere keeps its name.
+        const auto other = video("Sound 2", {"C0001.MP4"});
+        TestSupport::LogCapture log;
+        auto out = IngestEngine::splitChannelTracks({other, track});
+        EXPECT_EQ(out[0], other);
+        out.erase(out.begin());
+        if (expected.empty()) {
+            EXPECT_EQ(out, std::vector<TrackSource>{track});
+        } else {
+            EXPECT_EQ(summary(out), expected);
+        }
+        EXPECT_EQ(log.lines().size(), expected.empty() ? 0u : 1u);
+        out = IngestEngine::detectSiblingChannels(out);
+        EXPECT_EQ(std::count_if(out.begin(), out.end(),
+                                [](const TrackSource& t) { return t.siblingOf.has_value(); }),
+                  followers);
+    }
+    TestSupport::LogCapture log;
+    IngestEngine::splitChannelTracks({recorder({"SCENE01", "SCENE02"}, {"_1", "_2"})});
+    EXPECT_EQ(log.lines(), std::vector<std::string>{
+                               "[Ingest] channel-split 'Sound': 4/4 clips have a channel twin in "
+                               "the track — one track per channel: Sound 1=2, Sound 2=2"});
+}
 
 TEST(IngestEngine, ChannelStems) {
     const std::pair<const char*, const char*> cases[] = {

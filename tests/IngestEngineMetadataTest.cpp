@@ -109,3 +109,77 @@ TEST(IngestEngine, SortSourcesPutsVideoFirstInNaturalNameOrder) {
     }
     EXPECT_EQ(names, (std::vector<std::string>{"Cam 9", "cam 9", "cam 10", "Boom", "Zoom"}));
 }
+
+TEST(IngestEngine, ZonedDatesAreReadAsWallClockWhereTheOtherDevicesShowIt) {
+    // A shoot at 10:00 in Los Angeles (UTC-07:00 in July): 10:00 as a wall clock read as UTC,
+    // and the moment it names there.
+    constexpr Date kWall = 1688205600;
+    constexpr Date kMoment = kWall + 7 * 3600;
+    std::optional<Date> namedInShootZone;
+    {
+        TestSupport::ScopedTimeZone shootZone("America/Los_Angeles");
+        namedInShootZone = MediaMetadata::dateFromFilename("ZOOM_20230701_100000.WAV");
+    }
+    ASSERT_EQ(namedInShootZone, kMoment);
+    using enum ClockQuality;
+    struct Case {
+        const char* name;
+        Date recorder;
+        ClockQuality recorderClock;
+        std::optional<int> offset;
+        Date camera;
+        Date expected;
+    };
+    const Case cases[] = {
+        {"Broadcast WAV beside UTC-07:00", kWall, embedded, -420, kMoment + 5, kWall + 5},
+        {"no device shows an offset", kWall, embedded, std::nullopt, kMoment + 5, kMoment + 5},
+        {"names read in the shoot's zone agree already", *namedInShootZone, filename, -420,
+         kMoment + 5, kMoment + 5},
+        {"apart by other than the offset", kWall - 3 * 3600, embedded, -420, kMoment + 5,
+         kMoment + 5},
+        {"only file dates beside it", kWall, filesystem, -420, kMoment + 5, kMoment + 5},
+        {"an offset of 20 min", kWall, embedded, -20, kWall + 1205, kWall + 1205},
+        {"an offset of 30 min", kWall, embedded, 30, kWall - 1795, kWall + 5},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        TrackSource sound = trackOf("Sound", {"T1.wav", "T2.wav"});
+        TrackSource camera = trackOf("Cam", {"C1.mov", "C2.mov"});
+        for (int i = 0; i < 2; ++i) {
+            auto& s = sound.clips[i];
+            s.duration = 60;
+            s.recordingDate = c.recorder + 600 * i;
+            s.clockQuality = c.recorderClock;
+            auto& v = camera.clips[i];
+            v.duration = 30;
+            v.recordingDate = c.camera + 600 * i;
+            v.clockQuality = embedded;
+            v.clockOffsetMinutes = c.offset;
+        }
+        TestSupport::LogCapture log;
+        const auto out = IngestEngine::alignZonedClocks({sound, camera});
+        EXPECT_EQ(out[0], sound);
+        const bool changed = c.expected != c.camera;
+        for (int i = 0; i < 2; ++i) {
+            EXPECT_EQ(out[1].clips[i].recordingDate, c.expected + 600 * i);
+            EXPECT_EQ(out[1].clips[i].clockOffsetMinutes, changed ? std::nullopt : c.offset);
+        }
+        EXPECT_EQ(log.lines().size(), changed ? 1u : 0u);
+    }
+    TestSupport::LogCapture log;
+    ClipItem sound("/s/T1.wav");
+    sound.recordingDate = kWall;
+    sound.clockQuality = embedded;
+    ClipItem camera("/s/C1.mov");
+    camera.recordingDate = kMoment;
+    camera.clockQuality = embedded;
+    camera.clockOffsetMinutes = -420;
+    TrackSource both = trackOf("Shoot", {});
+    both.session = "/s";
+    both.clips = {sound, camera};
+    IngestEngine::alignZonedClocks({both});
+    EXPECT_EQ(log.lines(), std::vector<std::string>{
+                               "[Ingest] clock zones '/s': 1 date(s) written at UTC-07:00 read as "
+                               "wall clock, as the other devices' dates are — they sit that far "
+                               "apart and agree once it is dropped"});
+}

@@ -19,21 +19,7 @@ namespace qt = QuickTimeWriter;
 namespace rw = RiffWriter;
 using Bytes = std::vector<std::uint8_t>;
 
-// Sets the process's time zone for one scope and restores it after.
-struct ScopedTimeZone {
-    explicit ScopedTimeZone(const char* zone) {
-        if (const char* old = std::getenv("TZ")) {
-            previous = old;
-        }
-        setenv("TZ", zone, 1);
-        tzset();
-    }
-    ~ScopedTimeZone() {
-        previous ? setenv("TZ", previous->c_str(), 1) : unsetenv("TZ");
-        tzset();
-    }
-    std::optional<std::string> previous;
-};
+using TestSupport::ScopedTimeZone;
 
 // 2023-07-01 14:25:30 UTC, and the same wall clock in Berlin (UTC+2 in summer).
 constexpr Date kJulyFirstUtc = 1688221530;
@@ -412,11 +398,17 @@ TEST_F(MediaMetadataFiles, EachFieldTakesItsBestSourceFirst) {
         expectNear(meta.timecode, c.timecode, 1e-9);
     }
     EXPECT_NE(MediaMetadata::readClipMeta(path("large.mp4")).device, fingerprint);
+    // Only the Sony date keeps the zone it was written in; a container's "Z" is no zone.
+    for (const auto& [name, offset] : {std::pair<const char*, std::optional<int>>{"sony.MOV", 540},
+                                       {"tc.mov", std::nullopt},
+                                       {"ZOOM_20230115_080000.wav", std::nullopt}}) {
+        EXPECT_EQ(MediaMetadata::readClipMeta(path(name)).clockOffsetMinutes, offset) << name;
+    }
 }
 
 auto fields(const MediaMetadata::ClipMeta& m) {
     return std::tie(m.duration, m.fps, m.device, m.date, m.quality, m.channels, m.channelMap,
-                    m.size, m.timecode);
+                    m.size, m.timecode, m.clockOffsetMinutes);
 }
 
 TEST_F(MediaMetadataFiles, ConcurrentReadsAgreeWithASerialOne) {

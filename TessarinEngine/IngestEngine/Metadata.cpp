@@ -31,6 +31,7 @@ void applyMeta(ClipItem& clip, const MediaMetadata::ClipMeta& meta) {
     clip.deviceName = meta.device;
     clip.recordingDate = meta.date;
     clip.clockQuality = meta.quality;
+    clip.clockOffsetMinutes = meta.clockOffsetMinutes;
     clip.channelCount = meta.channels;
     clip.audioChannelIndices = meta.channelMap;
     clip.startTimecode = meta.timecode;

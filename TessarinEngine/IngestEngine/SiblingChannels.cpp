@@ -52,6 +52,16 @@ std::optional<std::size_t> twinIn(const ChannelFacts& c, const std::vector<Chann
     return std::nullopt;
 }
 
+// 90 % of `count`, rounded up, in whole numbers; at least 1.
+std::size_t nineTenths(std::size_t count) {
+    return std::max<std::size_t>((9 * count + 9) / 10, 1);
+}
+
+// What `channelStem` cut off the clip's name ("_Tr2"), or "" for a name it left whole.
+std::string channelSuffix(const ChannelFacts& c) {
+    return c.name.substr(c.stem.size());
+}
+
 } // namespace
 
 std::string IngestEngine::channelStem(const std::filesystem::path& url) {
@@ -96,9 +106,7 @@ std::vector<TrackSource> IngestEngine::detectSiblingChannels(std::vector<TrackSo
         if (sources[i].session != sources[j].session) {
             return false;
         }
-        // 90 % of the larger track, rounded up, in whole numbers.
-        const std::size_t larger = std::max(facts[i].size(), facts[j].size());
-        const std::size_t need = std::max<std::size_t>((9 * larger + 9) / 10, 1);
+        const std::size_t need = nineTenths(std::max(facts[i].size(), facts[j].size()));
         std::size_t count = 0;
         for (const auto& c : facts[j]) {
             if (twinIn(c, facts[i])) {
@@ -175,4 +183,87 @@ std::vector<TrackSource> IngestEngine::detectSiblingChannels(std::vector<TrackSo
         }
     }
     return sources;
+}
+
+std::vector<TrackSource> IngestEngine::splitChannelTracks(std::vector<TrackSource> sources) {
+    std::vector<TrackSource> out;
+    out.reserve(sources.size());
+    for (auto& track : sources) {
+        if (track.type != SourceType::audio || track.siblingOf || track.clips.size() < 2) {
+            out.push_back(std::move(track));
+            continue;
+        }
+        std::vector<ChannelFacts> facts;
+        facts.reserve(track.clips.size());
+        for (const auto& clip : track.clips) {
+            facts.push_back(factsOf(clip));
+        }
+        // Clips with a twin, and the most channel files of one take. A clip's own entry never
+        // counts: a file of the very same name is no twin.
+        std::size_t twinned = 0;
+        std::size_t channels = 1;
+        for (const auto& c : facts) {
+            const auto twins = static_cast<std::size_t>(std::count_if(
+                facts.begin(), facts.end(), [&](const auto& x) { return areTwins(c, x); }));
+            twinned += twins > 0 ? 1 : 0;
+            channels = std::max(channels, twins + 1);
+        }
+        // Channel groups in natural order of their suffixes, so "_2" comes before "_10" and the
+        // first group, which takes the clips without a suffix, is the lowest channel.
+        std::map<std::string, std::vector<std::size_t>> bySuffix;
+        for (std::size_t ci = 0; ci < facts.size(); ++ci) {
+            const std::string suffix = channelSuffix(facts[ci]);
+            if (!suffix.empty()) {
+                bySuffix[Collation::sortKey(suffix)].push_back(ci);
+            }
+        }
+        // The suffixes must name channels that recur from take to take. In "TASCAM_0001S12" the
+        // take number is part of the suffix, and a track per file would tie nothing together.
+        if (twinned < nineTenths(track.clips.size()) || bySuffix.size() < 2 ||
+            bySuffix.size() > channels) {
+            out.push_back(std::move(track));
+            continue;
+        }
+        for (std::size_t ci = 0; ci < facts.size(); ++ci) {
+            if (channelSuffix(facts[ci]).empty()) {
+                bySuffix.begin()->second.push_back(ci);
+            }
+        }
+
+        std::vector<std::string> names;
+        for (const auto& t : out) {
+            names.push_back(t.name);
+        }
+        for (const auto& t : sources) {
+            if (&t != &track) {
+                names.push_back(t.name);
+            }
+        }
+        std::string summary;
+        for (auto& [key, members] : bySuffix) {
+            std::sort(members.begin(), members.end());
+            // The group's own suffix is that of its first clip with one.
+            const auto named = std::find_if(members.begin(), members.end(), [&](std::size_t ci) {
+                return !channelSuffix(facts[ci]).empty();
+            });
+            TrackSource part;
+            part.name = uniqueName(track.name + " " + channelSuffix(facts[*named]).substr(1),
+                                   track.type, names);
+            names.push_back(part.name);
+            part.type = track.type;
+            part.session = track.session;
+            part.deviceName = track.deviceName;
+            for (auto ci : members) {
+                part.clips.push_back(track.clips[ci]);
+            }
+            summary +=
+                (summary.empty() ? "" : ", ") + part.name + "=" + std::to_string(part.clips.size());
+            out.push_back(recomputeOffsets(std::move(part)));
+        }
+        EngineLog::log(
+            "[Ingest] channel-split '" + track.name + "': " + std::to_string(twinned) + "/" +
+            std::to_string(track.clips.size()) +
+            " clips have a channel twin in the track — one track per channel: " + summary);
+    }
+    return out;
 }

@@ -127,6 +127,11 @@ std::optional<Date> fromIsoUtcWallClock(std::string_view text) {
 }
 
 std::optional<Date> fromIso8601(std::string_view text) {
+    const auto zoned = fromIso8601Zoned(text);
+    return zoned ? std::optional(zoned->date) : std::nullopt;
+}
+
+std::optional<ZonedDate> fromIso8601Zoned(std::string_view text) {
     std::size_t at = 0;
     auto fields = readDateTime(text, at);
     if (!fields) {
@@ -175,7 +180,7 @@ std::optional<Date> fromIso8601(std::string_view text) {
     if (!wallClock) {
         return std::nullopt;
     }
-    return *wallClock + fraction - offsetMinutes * 60.0;
+    return ZonedDate{*wallClock + fraction - offsetMinutes * 60.0, offsetMinutes};
 }
 
 std::string format(Date date, const std::string& pattern) {

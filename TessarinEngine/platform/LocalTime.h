@@ -34,6 +34,15 @@ std::optional<Date> fromIsoUtcWallClock(std::string_view text);
 // other form, trailing text included, or an impossible date.
 std::optional<Date> fromIso8601(std::string_view text);
 
+// A moment with the UTC offset it was written in, in minutes east of UTC ("Z" is 0).
+struct ZonedDate {
+    Date date = 0;
+    int offsetMinutes = 0;
+    bool operator==(const ZonedDate&) const = default;
+};
+// The same reading as `fromIso8601`, keeping the offset.
+std::optional<ZonedDate> fromIso8601Zoned(std::string_view text);
+
 // A moment written with an ICU date pattern ("HH:mm") in the process's time zone.
 std::string format(Date date, const std::string& pattern);
 

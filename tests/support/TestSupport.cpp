@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdlib>
+#include <ctime>
 #include <fcntl.h>
 #include <fstream>
 #include <poll.h>
@@ -32,6 +33,19 @@ TempDir::TempDir() {
 TempDir::~TempDir() {
     std::error_code ec;
     std::filesystem::remove_all(path_, ec);
+}
+
+ScopedTimeZone::ScopedTimeZone(const char* zone) {
+    if (const char* old = std::getenv("TZ")) {
+        previous_ = old;
+    }
+    setenv("TZ", zone, 1);
+    tzset();
+}
+
+ScopedTimeZone::~ScopedTimeZone() {
+    previous_ ? setenv("TZ", previous_->c_str(), 1) : unsetenv("TZ");
+    tzset();
 }
 
 LogCapture::LogCapture() : previous_(EngineLog::sink()) {

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -56,6 +57,18 @@ ProcessResult runProcess(const std::vector<std::string>& argv, const std::string
                          const std::filesystem::path& cwd = {});
 
 void writeText(const std::filesystem::path& file, const std::string& text);
+
+// Sets the process's time zone (TZ) for one scope and restores it after.
+class ScopedTimeZone {
+public:
+    explicit ScopedTimeZone(const char* zone);
+    ~ScopedTimeZone();
+    ScopedTimeZone(const ScopedTimeZone&) = delete;
+    ScopedTimeZone& operator=(const ScopedTimeZone&) = delete;
+
+private:
+    std::optional<std::string> previous_;
+};
 
 // Runs the project's shoot generator for `scenario` into `dir`: media in one folder per device,
 // request.json and truth.json.
