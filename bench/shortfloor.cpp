@@ -46,8 +46,8 @@ struct TrueClip {
     std::string kind;
 };
 
-void trueScores(const std::string& truthPath, const double (&lengths)[6],
-                const double (&widths)[8]) {
+void trueScores(const std::string& truthPath, const double (&lengths)[8],
+                const double (&widths)[9]) {
     std::ifstream in(truthPath);
     const auto truth = nlohmann::json::parse(in);
     std::vector<TrueClip> cams;
@@ -130,8 +130,8 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: bench_shortfloor --clips FILE... --refs FILE...\n");
         return 2;
     }
-    const double lengths[] = {1.5, 2.0, 3.0, 4.0, 5.0, 8.0};
-    const double widths[] = {2, 5, 10, 20, 40, 80, 160, 320};
+    const double lengths[] = {1.5, 2.0, 3.0, 4.0, 5.0, 8.0, 20.0, 60.0};
+    const double widths[] = {2, 5, 10, 20, 40, 80, 160, 320, 1000};
     constexpr int kSearches = 600;
     std::mt19937 rng(5);
     std::map<double, double> worst;

@@ -161,6 +161,44 @@ bool siblingVerified(Run& run, int si, int leader) {
     return false;
 }
 
+void followLeads(Run& run) {
+    for (int si : run.region.tracks) {
+        const auto& leadID = run.sources[si].siblingOf;
+        if (!leadID) {
+            continue;
+        }
+        const auto lead = std::find_if(run.sources.begin(), run.sources.end(),
+                                       [&](const TrackSource& t) { return t.id == *leadID; });
+        if (lead == run.sources.end()) {
+            continue;
+        }
+        for (int ci : regionClipsOf(run, si)) {
+            auto& clip = run.sources[si].clips[ci];
+            if (clip.placementPass != "sibling-ch" || !clip.siblingLeaderID) {
+                continue;
+            }
+            const auto leader =
+                std::find_if(lead->clips.begin(), lead->clips.end(),
+                             [&](const ClipItem& c) { return c.id == *clip.siblingLeaderID; });
+            if (leader == lead->clips.end() || (leader->startOffset == clip.startOffset &&
+                                                leader->syncStatus == clip.syncStatus)) {
+                continue;
+            }
+            clip.startOffset = leader->startOffset;
+            clip.syncStatus = leader->syncStatus;
+            clip.matchScore = leader->matchScore;
+            clip.placementNote = "channel of '" + lead->name + "'";
+            if (leader->placementPass) {
+                *clip.placementNote += " (" + *leader->placementPass + ")";
+            }
+            auto& entry = run.placementLog[clip.id];
+            entry.raw = clip.startOffset;
+            entry.score = clip.matchScore.value_or(0.0f);
+            reportPlace(run, clip);
+        }
+    }
+}
+
 bool runChannelTracks(Run& run) {
     Region& region = run.region;
     for (int si : region.tracks) {

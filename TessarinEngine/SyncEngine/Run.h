@@ -330,5 +330,15 @@ void resolveOverlaps(std::vector<TrackSource>& sources);
 // Moves the timeline so that it starts at zero.
 void normaliseOffsets(std::vector<TrackSource>& sources);
 void logLayoutAndDone(const Run& run);
+// Mirrored channel clips take their lead clip's placement again where it has changed since.
+void followLeads(Run& run);
+
+// Refill (Refill.cpp)
+
+// Once every track of the region is placed: the clips of each track that were laid by clock or
+// between neighbours are sought again, inside their brackets and near a proven clock, against
+// everything the region placed with evidence; a match of 7.0 or more places them. Repeats while
+// that finds anything, a few rounds at most.
+void refillUnmatched(Run& run);
 
 } // namespace SyncEngine

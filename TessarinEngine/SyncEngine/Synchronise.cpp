@@ -140,6 +140,7 @@ bool runRegion(Run& run) {
     if (!runLateCameras(run) || !runLateGroups(run)) {
         return false;
     }
+    refillUnmatched(run);
     checkReferenceByAudio(run);
     return true;
 }
