@@ -216,6 +216,8 @@ Window ChainState::bounds(int i) const {
 
 bool ChainState::acceptFill(Run& run, int i, Match m, double lo, double hi,
                             const std::string& kind) {
+    const auto note = weakPartnerNote(run, m);
+    m.score = evidenceScore(run, m);
     const double p = std::max(lo, std::min(m.pos, hi));
     if (clockOverrules(i, m.score, p)) {
         logDetail(format("'%s' %s @ %.1fs score=%.1f lies %.0fs from where its device's clock, "
@@ -235,6 +237,9 @@ bool ChainState::acceptFill(Run& run, int i, Match m, double lo, double hi,
     clip.syncStatus = statusForScore(m.score);
     clip.matchScore = m.score;
     clip.placementPass = kind;
+    if (note) {
+        clip.placementNote = note;
+    }
     checkTimecode(clip, p, *checkSpans);
     reportPlace(run, clip);
     if (m.score >= kStrongScore) {
@@ -285,8 +290,13 @@ void ChainState::setClip(Run& run, int i, double pos, Placement how) {
 }
 
 void ChainState::placeAnchor(Run& run, int i, Match m, const std::string& kind) {
+    const auto note = weakPartnerNote(run, m);
+    m.score = evidenceScore(run, m);
     posOf[i] = m.pos;
     auto& clip = run.clip(refs[i]);
+    if (note) {
+        clip.placementNote = note;
+    }
     run.placementLog[clip.id] = PlacementRecord{m.pos, m.score, kind, m.partner};
     clip.startOffset = m.pos;
     clip.syncStatus = statusForScore(m.score);

@@ -202,6 +202,12 @@ Window clockWindow(const Run& run, int si, const ClipItem& clip);
 // The clock window narrowed by timecode where the two agree.
 Window jobWindow(const Run& run, int si, const ClipItem& clip, const std::vector<PoolSpan>& spans);
 SyncStatus statusForScore(float score);
+// A match is no surer than the clip it was measured against: against a clip that is itself only
+// weakly placed, or laid by its clock, it counts at most as that clip's own score (4.5 for a clip
+// without one). Otherwise the match's score.
+float evidenceScore(const Run& run, const Match& m);
+// The note of a clip whose match counts less than it scored: which clip held it back.
+std::optional<std::string> weakPartnerNote(const Run& run, const Match& m);
 // Marks the clip when its timecode puts it elsewhere than `pos` by more than two frames.
 void checkTimecode(ClipItem& clip, double pos, const std::vector<PoolSpan>& spans);
 

@@ -82,7 +82,8 @@ bool seedFromWholePool(Run& run, ChainState& chain, const std::vector<PoolSpan>&
         chain.placed.insert(k);
         chain.strong.insert(k);
         chain.posOf[k] = m.pos;
-        run.placementLog[chain.clips[k].id] = PlacementRecord{m.pos, m.score, "A1w", m.partner};
+        run.placementLog[chain.clips[k].id] =
+            PlacementRecord{m.pos, evidenceScore(run, m), "A1w", m.partner};
         chain.setClip(run, k, m.pos, Placement::matched);
     }
     if (!chosen.empty()) {

@@ -183,6 +183,25 @@ SyncStatus statusForScore(float score) {
     return SyncStatus::failed;
 }
 
+float evidenceScore(const Run& run, const Match& m) {
+    if (!m.partner) {
+        return m.score;
+    }
+    const auto& partner = run.clip(*m.partner);
+    const auto pass = partner.placementPass.value_or("");
+    if (partner.syncStatus == SyncStatus::synced && pass != "clock" && pass != "interp") {
+        return m.score;
+    }
+    return std::min(m.score, partner.matchScore.value_or(kWeakScore));
+}
+
+std::optional<std::string> weakPartnerNote(const Run& run, const Match& m) {
+    if (evidenceScore(run, m) >= m.score) {
+        return std::nullopt;
+    }
+    return "measured against '" + clipName(run.clip(*m.partner)) + "', itself only weakly placed";
+}
+
 void checkTimecode(ClipItem& clip, double pos, const std::vector<PoolSpan>& spans) {
     if (!clip.startTimecode) {
         return;
