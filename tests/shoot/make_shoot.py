@@ -8,6 +8,11 @@ The files land in one folder per device, with request.json (the engine's request
 one drop per device folder) and truth.json (each file's true start on the master timeline, its
 device, clock error and the scenes it heard).
 
+The fixed scenarios are laid out once; the generated ones (channels-2, channels-4, timecode,
+chapters, short-clips, ref-takes, lone-clip, timezone, mixed) lay out their structure afresh for
+each seed, name and folder their files as real cards do, and add to truth.json the time zone to
+run the program in ("tz").
+
 Usage: make_shoot.py OUTDIR [--scenario NAME] [--seed N]
 """
 
@@ -401,10 +406,14 @@ def convolve(x, h, delay=0):
     return y[delay:delay + n]
 
 
-def room_response(seconds, rng, direct=4.0):
-    m = max(1, int(seconds * RATE))
+def room_response(seconds, rng, direct_db):
+    """A room's response: the direct sound, then a tail decaying over `seconds` whose energy lies
+    `direct_db` below the direct sound's."""
+    m = max(2, int(seconds * RATE))
     ir = rng.standard_normal(m) * np.exp(-np.arange(m) / (m / 6))
-    ir[0] = direct
+    ir[0] = 0.0
+    ir *= np.sqrt(10 ** (-direct_db / 10) / np.sum(ir**2))
+    ir[0] = 1.0
     return ir / np.sqrt(np.sum(ir**2))
 
 
@@ -586,9 +595,10 @@ def wind(rng, n, level):
 def acoustics(kind, x, rng):
     """What a microphone of `kind` makes of the sound `x` reaching it."""
     if kind == "camera":
-        # Distant, reverberant, high-passed, with the hiss of a small preamp.
+        # A few metres off in a room (as much reverberation as direct sound), high-passed, with
+        # the hiss of a small preamp.
         bp = bandpass_taps(180.0, 7500.0)
-        h = np.convolve(room_response(0.35, rng), bp)
+        h = np.convolve(room_response(0.35, rng, 0.0), bp)
         return convolve(x, h, 127) + 0.002 * rng.standard_normal(len(x))
     if kind == "boom":
         return 0.9 * x + 0.001 * rng.standard_normal(len(x))
@@ -598,7 +608,7 @@ def acoustics(kind, x, rng):
         return y + 0.004 * rng.standard_normal(len(x))
     if kind == "room":
         # The recorder's own microphones on the cart: a short room, some hiss.
-        h = np.convolve(room_response(0.15, rng, direct=6.0), bandpass_taps(60.0, 7800.0))
+        h = np.convolve(room_response(0.15, rng, 6.0), bandpass_taps(60.0, 7800.0))
         return 0.6 * convolve(x, h, 127) + 0.003 * rng.standard_normal(len(x))
     raise ValueError(kind)
 
