@@ -9,6 +9,9 @@ namespace SyncEngine {
 
 namespace {
 
+// How far around the lead's start the channel's window is sought.
+constexpr double kChannelSearch = 30.0;
+
 // Overlaps this small are rounding of clip lengths, not errors worth moving a clip for.
 constexpr double kOverlapTolerance = 0.05;
 // Below this the timeline already starts at zero.
@@ -145,8 +148,10 @@ bool siblingVerified(Run& run, int si, int leader) {
     if (!window || window->frames >= lead->bandFeature->frames) {
         return false;
     }
-    const auto peaks =
-        searchPeaks(*window, *lead->bandFeature, start - 2.0, start + 2.0, 8.0, 1, 0.5);
+    // The channels must agree within half a second, but the search runs wider: a z-score over a
+    // few seconds of lags stays low even for a true peak, above all between two different mics.
+    const auto peaks = searchPeaks(*window, *lead->bandFeature, start - kChannelSearch,
+                                   start + kChannelSearch, 8.0, 1, 0.5);
     if (peaks.empty()) {
         return false;
     }

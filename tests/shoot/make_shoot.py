@@ -1083,7 +1083,10 @@ def shoot_mixed(r):
     gp = [clip(f"GX01{n0:04d}", takes[1][0] + 5, min(90.0, takes[1][1] - 10),
                recording=f"GX{n0:04d}")] + gp
     t2 = gp[-1]["start"] + gp[-1]["dur"] + 20
-    gp += gopro(n0 + 2, [r.uniform(40, 90)], t2 if t2 < day - 100 else takes[-1][0])
+    # One camera records one thing at a time: a last recording only where the long take left room.
+    length = r.uniform(40, 90)
+    if t2 < day - 100:
+        gp += gopro(n0 + 2, [length], t2)
     # Action camera: short clips in wind through the second half of the day, some during the song.
     durs = np.concatenate([r.uniform(2, 8, 8), r.uniform(8, 20, 7), r.uniform(20, 45, 5)])
     r.shuffle(durs)
