@@ -1,21 +1,19 @@
 #include "TessarinEngine/EnvelopeCache.h"
 
 #include "TessarinEngine/EngineLog.h"
+#include "TessarinEngine/platform/Files.h"
 
 #include <algorithm>
 #include <bit>
 #include <cctype>
-#include <cerrno>
 #include <cinttypes>
 #include <climits>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
 #include <mutex>
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <utility>
 
 namespace EnvelopeCache {
 
@@ -56,69 +54,6 @@ std::uint32_t getU32(const std::uint8_t* p) {
            static_cast<std::uint32_t>(p[2]) << 16 | static_cast<std::uint32_t>(p[3]) << 24;
 }
 
-// Closes the descriptor on every way out.
-struct Descriptor {
-    int fd;
-    ~Descriptor() {
-        if (fd >= 0) {
-            ::close(fd);
-        }
-    }
-};
-
-// The bytes of a cache file, or nothing unless it is a regular file read to its end. A link is
-// not followed and a FIFO or device is never waited on: anything but our own file is a miss.
-std::optional<std::vector<std::uint8_t>> readCacheFile(const std::filesystem::path& file) {
-    Descriptor in{::open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
-    struct stat st {};
-    if (in.fd < 0 || ::fstat(in.fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        return std::nullopt;
-    }
-    std::vector<std::uint8_t> bytes(static_cast<std::size_t>(st.st_size));
-    std::size_t done = 0;
-    while (done < bytes.size()) {
-        const auto n =
-            ::pread(in.fd, bytes.data() + done, bytes.size() - done, static_cast<off_t>(done));
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return std::nullopt;
-        }
-        done += static_cast<std::size_t>(n);
-    }
-    return bytes;
-}
-
-// A temporary file's name: the entry's name and this suffix, whose X's mkstemp fills in.
-constexpr std::string_view kTemporarySuffix = ".tmp-XXXXXX";
-
-// Writes under a new temporary name and renames into place, so a reader never meets half a file
-// and whatever sat under the name (a link, a FIFO) is replaced, never written through. Every
-// failure leaves no temporary file behind and is otherwise ignored.
-void writeCacheFile(const std::filesystem::path& dir, const std::string& name,
-                    const std::vector<std::uint8_t>& bytes) {
-    std::string temporary = (dir / (name + std::string(kTemporarySuffix))).string();
-    // mkostemp creates the file exclusively: it never opens what is already there.
-    Descriptor out{::mkostemp(temporary.data(), O_CLOEXEC)};
-    if (out.fd < 0) {
-        return;
-    }
-    bool written = true;
-    for (std::size_t done = 0; written && done < bytes.size();) {
-        const auto n = ::write(out.fd, bytes.data() + done, bytes.size() - done);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        written = n > 0;
-        done += written ? static_cast<std::size_t>(n) : 0;
-    }
-    written = ::close(std::exchange(out.fd, -1)) == 0 && written;
-    if (!written || ::rename(temporary.c_str(), (dir / name).c_str()) != 0) {
-        ::unlink(temporary.c_str());
-    }
-}
-
 bool isLowerHex(std::string_view text) {
     return std::all_of(text.begin(), text.end(),
                        [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
@@ -135,9 +70,8 @@ bool isCacheName(std::string_view name) {
     if (name.starts_with(".bands")) {
         name.remove_prefix(6);
     }
-    const std::string_view prefix = kTemporarySuffix.substr(0, 5); // ".tmp-"
-    if (name.starts_with(prefix)) {
-        name.remove_prefix(prefix.size());
+    if (name.starts_with(Files::kReplacementMark)) {
+        name.remove_prefix(Files::kReplacementMark.size());
         return name.size() == 6 && std::all_of(name.begin(), name.end(), [](char c) {
                    return std::isalnum(static_cast<unsigned char>(c)) != 0;
                });
@@ -247,7 +181,7 @@ std::optional<SpectralBands::Feature> loadBands(const std::filesystem::path& url
     if (!key) {
         return std::nullopt;
     }
-    auto bytes = readCacheFile(cacheDir() / (*key + ".bands"));
+    auto bytes = Files::readRegularFile(cacheDir() / (*key + ".bands"));
     if (!bytes) {
         return std::nullopt;
     }
@@ -266,7 +200,7 @@ void saveBands(const std::filesystem::path& url, const SpectralBands::Feature& f
     const auto dir = cacheDir();
     std::error_code ec;
     std::filesystem::create_directories(dir, ec);
-    writeCacheFile(dir, *key + ".bands", encodeBands(feature));
+    Files::replaceFile(dir / (*key + ".bands"), encodeBands(feature));
 }
 
 std::vector<std::uint8_t> serialize(const std::vector<float>& preview,
@@ -289,7 +223,7 @@ void saveEnvelope(const std::filesystem::path& url, const std::vector<float>& en
     const auto dir = cacheDir();
     std::error_code ec;
     std::filesystem::create_directories(dir, ec);
-    writeCacheFile(dir, *key, serialize({}, envelope));
+    Files::replaceFile(dir / *key, serialize({}, envelope));
 }
 
 PruneResult prune(Date now) {
