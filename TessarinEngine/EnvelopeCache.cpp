@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <new>
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -181,11 +182,16 @@ std::optional<SpectralBands::Feature> loadBands(const std::filesystem::path& url
     if (!key) {
         return std::nullopt;
     }
-    auto bytes = Files::readRegularFile(cacheDir() / (*key + ".bands"));
-    if (!bytes) {
+    // A file too large for memory, planted under the entry's name, is a miss like any other.
+    try {
+        auto bytes = Files::readRegularFile(cacheDir() / (*key + ".bands"));
+        if (!bytes) {
+            return std::nullopt;
+        }
+        return decodeBands(*bytes);
+    } catch (const std::bad_alloc&) {
         return std::nullopt;
     }
-    return decodeBands(*bytes);
 }
 
 void saveBands(const std::filesystem::path& url, const SpectralBands::Feature& feature) {

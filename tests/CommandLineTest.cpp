@@ -4,16 +4,11 @@
 #include "tests/support/TestSupport.h"
 
 #include <algorithm>
-#include <chrono>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <sstream>
-#include <sys/stat.h>
-#include <thread>
-#include <unistd.h>
 
 TEST(Cli, ExitCodesAndMessages) {
     TestSupport::TempDir dir;
@@ -145,25 +140,11 @@ TEST(Cli, InputReadsPipesAndVersionIsAnIntegerToken) {
     const std::string noMedia =
         "{\"type\":\"error\",\"message\":\"No valid media found in request\"}\n";
     const auto cache = "XDG_CACHE_HOME=" + (dir / "cache").string();
-    // A shell's process substitution is a pipe whose writer waits for the reader.
-    ASSERT_EQ(::mkfifo((dir / "request.fifo").c_str(), 0600), 0);
-    std::jthread writer([&](std::stop_token stop) {
-        const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (!stop.stop_requested() && std::chrono::steady_clock::now() < until) {
-            const int fd = ::open((dir / "request.fifo").c_str(), O_WRONLY | O_NONBLOCK);
-            if (fd >= 0) {
-                EXPECT_EQ(::write(fd, request.data(), request.size()),
-                          static_cast<ssize_t>(request.size()));
-                ::close(fd);
-                return;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-    });
-    auto fromFifo = TestSupport::runProcess(
-        {TESSARIN_CLI_PATH, "--input", (dir / "request.fifo").string()}, {}, {cache});
-    writer.request_stop();
-    EXPECT_EQ(fromFifo.out, noMedia) << fromFifo.err;
+    // A shell's process substitution, and standard input by name.
+    auto fromPipe = TestSupport::runProcess(
+        {"/bin/bash", "-c", "exec \"$0\" --input <(printf %s \"$1\")", TESSARIN_CLI_PATH, request},
+        {}, {cache});
+    EXPECT_EQ(fromPipe.out, noMedia) << fromPipe.err;
     auto fromStdin =
         TestSupport::runProcess({TESSARIN_CLI_PATH, "--input", "/dev/stdin"}, request, {cache});
     EXPECT_EQ(fromStdin.out, noMedia) << fromStdin.err;
