@@ -43,9 +43,11 @@ void scaleToHalfPeak(std::vector<float>& samples) {
 }
 
 // Lossy decoders overshoot full scale a little; everything after extraction expects -1...1.
+// Absurd float input can still overflow the filters into NaN, which counts as 0 like any
+// non-finite sample.
 void clipToUnit(std::vector<float>& samples) {
     for (float& v : samples) {
-        v = std::clamp(v, -1.0f, 1.0f);
+        v = std::isnan(v) ? 0.0f : std::clamp(v, -1.0f, 1.0f);
     }
 }
 

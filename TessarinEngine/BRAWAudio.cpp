@@ -11,10 +11,6 @@ namespace {
 constexpr const char* kLibraryFile = "libBlackmagicRawAPI.so";
 constexpr const char* kFactoryEntry = "CreateBlackmagicRawFactoryInstance";
 
-Error errorNoLibrary() {
-    return {1, "Blackmagic RAW framework not found on this machine"};
-}
-
 Error errorNoCodec() {
     return {2, "Blackmagic RAW: could not create a codec"};
 }
@@ -79,8 +75,12 @@ LibraryLoad loadLibrary(const std::vector<std::filesystem::path>& candidates) {
 }
 
 std::string availabilityNote(const LibraryLoad& load) {
-    if (load.factory) {
+    if (load.factory && load.clipsReadable) {
         return "Blackmagic RAW SDK loaded from " + load.path->string();
+    }
+    if (load.factory) {
+        return "Blackmagic RAW SDK found at " + load.path->string() +
+               ", but this build cannot read its clips";
     }
     if (load.path) {
         return "Blackmagic RAW framework found but could not be loaded";
@@ -89,7 +89,8 @@ std::string availabilityNote(const LibraryLoad& load) {
 }
 
 bool isAvailable() {
-    return processLoad().factory != nullptr;
+    const auto& load = processLoad();
+    return load.factory != nullptr && load.clipsReadable;
 }
 
 std::string availabilityNote() {
@@ -97,12 +98,13 @@ std::string availabilityNote() {
 }
 
 // TODO: the codec, clip and clip-audio interfaces of the library are not bound yet (it was not at
-// hand to build against). Until they are, a loaded library reads no clip, which the caller meets
-// as it meets a library that cannot make a codec: the clip fails alone and the run goes on.
+// hand to build against). Until they are, no load is available: the program says so, and a clip
+// fails alone with that note while the run goes on.
 std::variant<Result, Error> readAudioOrError(const std::filesystem::path&,
                                              const std::function<void(double)>&) {
+    // Code 1, "no library", with the note that says what became of it.
     if (!isAvailable()) {
-        return errorNoLibrary();
+        return Error{1, availabilityNote()};
     }
     return errorNoCodec();
 }

@@ -49,10 +49,11 @@ struct Error {
 };
 inline constexpr const char* kErrorDomain = "Tessarin.BRAW";
 
-// Whether the Blackmagic RAW library could be found and loaded on this machine. The search and the
-// load happen once per process; thread-safe.
+// Whether Blackmagic RAW clips can be read on this machine: the library was found and loaded and
+// its clip interfaces are bound. The search and the load happen once per process; thread-safe.
 bool isAvailable();
-// One line for the user on where the library was found, or that it was not.
+// One line for the user on where the library was found and whether clips can be read, or that it
+// was not found.
 std::string availabilityNote();
 
 // Picture facts and audio format, no samples; nothing without the library or for a bad file.
@@ -71,10 +72,13 @@ std::vector<std::filesystem::path> candidateLibraryPaths();
 
 // The outcome of looking for the library and loading it: `path` is the first candidate that
 // exists, `factory` what its entry point returned, null when either step failed.
+// `clipsReadable` says the codec, clip and audio interfaces are bound as well; nothing binds them
+// yet, so a loaded library still reads no clip and is not reported as available.
 struct LibraryLoad {
     std::optional<std::filesystem::path> path;
     std::optional<DynamicLibrary> library;
     void* factory = nullptr;
+    bool clipsReadable = false;
 };
 LibraryLoad loadLibrary(const std::vector<std::filesystem::path>& candidates);
 // The availability line for one load outcome.

@@ -1,17 +1,20 @@
 #include "TessarinEngine/EnvelopeCache.h"
 
 #include "TessarinEngine/EngineLog.h"
+#include "TessarinEngine/platform/Files.h"
 
 #include <algorithm>
 #include <bit>
+#include <cctype>
 #include <cinttypes>
 #include <climits>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <mutex>
+#include <new>
+#include <string_view>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace EnvelopeCache {
 
@@ -52,24 +55,29 @@ std::uint32_t getU32(const std::uint8_t* p) {
            static_cast<std::uint32_t>(p[2]) << 16 | static_cast<std::uint32_t>(p[3]) << 24;
 }
 
-std::optional<std::vector<std::uint8_t>> readWholeFile(const std::filesystem::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    if (!in) {
-        return std::nullopt;
-    }
-    std::vector<std::uint8_t> bytes((std::istreambuf_iterator<char>(in)),
-                                    std::istreambuf_iterator<char>());
-    if (in.bad()) {
-        return std::nullopt;
-    }
-    return bytes;
+bool isLowerHex(std::string_view text) {
+    return std::all_of(text.begin(), text.end(),
+                       [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
 }
 
-void writeWholeFile(const std::filesystem::path& file, const std::vector<std::uint8_t>& bytes) {
-    if (FILE* f = std::fopen(file.c_str(), "wb")) {
-        std::fwrite(bytes.data(), 1, bytes.size(), f);
-        std::fclose(f);
+// Whether a name is one the cache writes: "{key}", "{key}.bands", or either with a temporary
+// suffix. The prune touches nothing else.
+bool isCacheName(std::string_view name) {
+    constexpr std::size_t kKeyLength = 16;
+    if (name.size() < kKeyLength || !isLowerHex(name.substr(0, kKeyLength))) {
+        return false;
     }
+    name.remove_prefix(kKeyLength);
+    if (name.starts_with(".bands")) {
+        name.remove_prefix(6);
+    }
+    if (name.starts_with(Files::kReplacementMark)) {
+        name.remove_prefix(Files::kReplacementMark.size());
+        return name.size() == 6 && std::all_of(name.begin(), name.end(), [](char c) {
+                   return std::isalnum(static_cast<unsigned char>(c)) != 0;
+               });
+    }
+    return name.empty();
 }
 
 double seconds(const timespec& ts) {
@@ -95,16 +103,16 @@ std::optional<std::string> cacheKey(const std::filesystem::path& url) {
     if (::stat(url.c_str(), &st) != 0) {
         return std::nullopt;
     }
-    // Whole seconds, cut towards zero also before 1970.
-    std::int64_t mtime = st.st_mtim.tv_sec;
-    if (mtime < 0 && st.st_mtim.tv_nsec > 0) {
-        mtime += 1;
-    }
+    // Nanoseconds: a file rewritten within the same second with the same size is another file.
+    const std::int64_t mtimeNs =
+        static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
     const std::string text =
-        url.string() + "|" + std::to_string(st.st_size) + "|" + std::to_string(mtime);
-    std::uint64_t h = 5381;
+        url.string() + "|" + std::to_string(st.st_size) + "|" + std::to_string(mtimeNs);
+    // FNV-1a: unlike a multiply-and-add hash, texts of equal length that differ in two bytes
+    // ("Ab" and "BA") do not meet.
+    std::uint64_t h = 0xcbf29ce484222325ULL;
     for (unsigned char c : text) {
-        h = h * 33 + c;
+        h = (h ^ c) * 0x100000001b3ULL;
     }
     char key[17];
     std::snprintf(key, sizeof key, "%016" PRIx64, h);
@@ -174,11 +182,16 @@ std::optional<SpectralBands::Feature> loadBands(const std::filesystem::path& url
     if (!key) {
         return std::nullopt;
     }
-    auto bytes = readWholeFile(cacheDir() / (*key + ".bands"));
-    if (!bytes) {
+    // A file too large for memory, planted under the entry's name, is a miss like any other.
+    try {
+        auto bytes = Files::readRegularFile(cacheDir() / (*key + ".bands"));
+        if (!bytes) {
+            return std::nullopt;
+        }
+        return decodeBands(*bytes);
+    } catch (const std::bad_alloc&) {
         return std::nullopt;
     }
-    return decodeBands(*bytes);
 }
 
 void saveBands(const std::filesystem::path& url, const SpectralBands::Feature& feature) {
@@ -193,7 +206,7 @@ void saveBands(const std::filesystem::path& url, const SpectralBands::Feature& f
     const auto dir = cacheDir();
     std::error_code ec;
     std::filesystem::create_directories(dir, ec);
-    writeWholeFile(dir / (*key + ".bands"), encodeBands(feature));
+    Files::replaceFile(dir / (*key + ".bands"), encodeBands(feature));
 }
 
 std::vector<std::uint8_t> serialize(const std::vector<float>& preview,
@@ -216,7 +229,7 @@ void saveEnvelope(const std::filesystem::path& url, const std::vector<float>& en
     const auto dir = cacheDir();
     std::error_code ec;
     std::filesystem::create_directories(dir, ec);
-    writeWholeFile(dir / *key, serialize({}, envelope));
+    Files::replaceFile(dir / *key, serialize({}, envelope));
 }
 
 PruneResult prune(Date now) {
@@ -236,19 +249,21 @@ PruneResult prune(Date now) {
         if (ec) {
             return {};
         }
-        Entry e{it->path(), 0, -1e300}; // no date at all counts as the distant past
+        // Only our own files: a user's file, a folder or a link is left alone and not counted.
+        // lstat, so a link is seen as the link.
         struct stat st {};
-        if (::lstat(e.url.c_str(), &st) == 0) {
-            e.size = st.st_size;
-            e.touched = seconds(st.st_atim);
+        if (!isCacheName(it->path().filename().string()) || ::lstat(it->path().c_str(), &st) != 0 ||
+            !S_ISREG(st.st_mode)) {
+            continue;
         }
-        entries.push_back(std::move(e));
+        entries.push_back({it->path(), st.st_size, seconds(st.st_atim)});
     }
 
     PruneResult result;
+    // unlink removes the name itself: were it swapped for a link since, the link goes, never
+    // what it points to.
     auto removeEntry = [&](const Entry& e) {
-        std::error_code rec;
-        if (std::filesystem::remove(e.url, rec) && !rec) {
+        if (::unlink(e.url.c_str()) == 0) {
             result.removed += 1;
             result.bytesFreed += e.size;
             return true;

@@ -304,7 +304,8 @@ std::optional<std::string> readSidecarXML(const std::filesystem::path& url) {
     for (const std::string& candidate :
          {base + "M01.XML", base + "M01.xml", base + ".XML", base + ".xml"}) {
         if (auto file = MappedFile::open(candidate)) {
-            return parseCameraFromXML(asText(file->bytes()));
+            auto camera = parseCameraFromXML(asText(file->bytes()));
+            return file->damaged() ? std::nullopt : camera;
         }
     }
     return std::nullopt;
@@ -504,8 +505,9 @@ std::optional<double> timecodeOfMovie(const QuickTime::Movie& movie, Bytes file)
     return static_cast<double>(sample->frameNumber) / sample->frameQuanta;
 }
 
-// Runs one read on an opened clip; the default where the path is no regular file or the read
-// fails in a way the readers do not foresee (memory).
+// Runs one read on an opened clip; the default where the path is no regular file, the file
+// shrank while it was read (what was read is then partly zeros), or the read fails in a way the
+// readers do not foresee (memory).
 template <class T, class Read>
 T withClip(const std::filesystem::path& url, T fallback, Read read) {
     try {
@@ -513,7 +515,11 @@ T withClip(const std::filesystem::path& url, T fallback, Read read) {
         if (!clip) {
             return fallback;
         }
-        return read(*clip);
+        T result = read(*clip);
+        if (clip->file().damaged()) {
+            return fallback;
+        }
+        return result;
     } catch (const std::exception&) {
         return fallback;
     }

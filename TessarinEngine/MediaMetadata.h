@@ -14,7 +14,8 @@
 // Readers of what a media file says about itself: recording clock, device, frame rate, picture
 // size, duration, channels and start timecode. None throws; a value that cannot be read comes
 // back as nothing or as the stated default. No reader decodes audio or video, writes anything or
-// opens a file that is not a regular file (a FIFO cannot hang a read). All are thread-safe.
+// opens a file that is not a regular file (a FIFO cannot hang a read). A file that shrinks while
+// it is read gives the defaults, as an unreadable one does. All are thread-safe.
 namespace MediaMetadata {
 
 // Everything ingest reads about one clip. Fields that cannot be read keep these defaults.

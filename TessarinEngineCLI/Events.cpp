@@ -2,9 +2,11 @@
 
 #include "TessarinEngine/platform/Text.h"
 
+#include <cerrno>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <system_error>
 #include <type_traits>
 
 namespace {
@@ -187,8 +189,13 @@ void emit(const Event& event) {
         return;
     }
     *line += '\n';
-    std::fwrite(line->data(), 1, line->size(), stdout);
-    std::fflush(stdout);
+    errno = 0;
+    if (std::fwrite(line->data(), 1, line->size(), stdout) != line->size() ||
+        std::fflush(stdout) != 0) {
+        const int error = errno != 0 ? errno : EIO;
+        std::clearerr(stdout);
+        throw WriteFailed(std::error_code(error, std::generic_category()).message());
+    }
 }
 
 void eprint(const std::string& text) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <variant>
 
@@ -52,8 +53,15 @@ namespace Events {
 // width. Nothing when a number is not finite or a text is not UTF-8.
 std::optional<std::string> encode(const Event& event);
 
+// Standard output refused an event (a full disk, a closed reader): nothing more can reach the
+// front end, so the run must end with a failure. `what()` is the system's reason.
+struct WriteFailed : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
 // Writes the encoded event and a line feed to standard output with one write and one flush. An
-// event that cannot be encoded is dropped without a word.
+// event that cannot be encoded is dropped without a word; one that cannot be written throws
+// WriteFailed.
 void emit(const Event& event);
 
 // Writes the text and a line feed to standard error, unbuffered.

@@ -8,6 +8,7 @@
 #include "TessarinEngine/SyncEngine.h"
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <exception>
@@ -65,6 +66,7 @@ void runExtractPhase(std::vector<TrackSource>& sources, const std::vector<Extrac
     std::condition_variable finishedSignal;
     std::deque<ExtractOutcome> finished;
     std::size_t nextJob = 0;
+    bool abandoned = false;
 
     // Each worker takes the next job in job order as soon as it is free, so at most `width` jobs
     // run at once and they start in order; outcomes queue up in the order they finish.
@@ -73,7 +75,7 @@ void runExtractPhase(std::vector<TrackSource>& sources, const std::vector<Extrac
             std::size_t index;
             {
                 std::lock_guard lock(mutex);
-                if (nextJob >= jobs.size()) {
+                if (abandoned || nextJob >= jobs.size()) {
                     return;
                 }
                 index = nextJob++;
@@ -106,6 +108,16 @@ void runExtractPhase(std::vector<TrackSource>& sources, const std::vector<Extrac
     for (std::size_t i = 0; i < workerCount; ++i) {
         workers.emplace_back(worker);
     }
+    // An event that cannot be written leaves the loop early: the workers must stop taking jobs
+    // before they are joined.
+    struct Abandon {
+        std::mutex& mutex;
+        bool& abandoned;
+        ~Abandon() {
+            std::lock_guard lock(mutex);
+            abandoned = true;
+        }
+    } abandonOnExit{mutex, abandoned};
 
     double running = 0;
     for (std::size_t folded = 0; folded < jobs.size(); ++folded) {
@@ -177,10 +189,18 @@ bool runPipeline(const Request& request, const EventSink& emit) {
                                         request.completeShootSessions.end()};
         ingest.proxyDirNames = {"sub", "proxy", "proxies", "lrv", "thm", "drone", "drones"};
 
+        // Relative paths name files below the working directory, so results and cache keys
+        // carry absolute paths.
+        std::error_code noDirectory;
+        const auto workingDirectory = std::filesystem::current_path(noDirectory);
         std::vector<IngestItem> items;
         items.reserve(request.items.size());
         for (const auto& item : request.items) {
-            items.push_back({item.path, item.dropHint});
+            if (auto resolved = resolveItem(item, workingDirectory)) {
+                items.push_back({resolved->path, resolved->dropHint});
+            } else {
+                emit(ErrorEvent{item.path, std::string(kNulInPathMessage)});
+            }
         }
 
         auto sources = ingest.ingestFlat(items, {});
@@ -235,12 +255,27 @@ bool runPipeline(const Request& request, const EventSink& emit) {
             return false;
         }
 
+        // An event that cannot be written cancels the engine, which stops at its next clip; the
+        // failure then ends the run.
+        std::atomic<bool> cancel = false;
+        std::exception_ptr lostEvent;
         auto placed = SyncEngine::synchronise(
             std::move(sources),
             [&](double fraction, const std::string& label) {
-                emit(ProgressEvent{"sync", fraction, label});
+                if (lostEvent) {
+                    return;
+                }
+                try {
+                    emit(ProgressEvent{"sync", fraction, label});
+                } catch (const Events::WriteFailed&) {
+                    lostEvent = std::current_exception();
+                    cancel = true;
+                }
             },
-            [](const Uuid&, double, SyncStatus) {});
+            [](const Uuid&, double, SyncStatus) {}, &cancel);
+        if (lostEvent) {
+            std::rethrow_exception(lostEvent);
+        }
 
         int clipCount = 0;
         double timelineEnd = 0;
@@ -253,6 +288,8 @@ bool runPipeline(const Request& request, const EventSink& emit) {
         }
         emit(DoneEvent{static_cast<int>(placed.size()), clipCount, timelineEnd});
         return true;
+    } catch (const Events::WriteFailed&) {
+        throw;
     } catch (const std::exception& e) {
         emit(ErrorEvent{std::nullopt, e.what()});
         return false;

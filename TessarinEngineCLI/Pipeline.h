@@ -58,7 +58,8 @@ std::optional<double> pictureDuration(const ClipItem& clip);
 ResultEvent makeResultEvent(const TrackSource& track, const ClipItem& clip);
 
 // The whole run: ingest, metadata, grouping, extraction, sync, results. False after a run-level
-// error, which has then been emitted.
+// error, which has then been emitted. An item whose path holds a NUL gets an error event and is
+// left out. Events::WriteFailed from `emit` ends the run at once and is passed on.
 bool runPipeline(const Request& request, const EventSink& emit);
 
 } // namespace Pipeline

@@ -1,22 +1,25 @@
 #include "TessarinEngineCLI/Request.h"
 
-#include <cmath>
+#include <limits>
 #include <nlohmann/json.hpp>
 
 namespace {
 
 using nlohmann::json;
 
+// An integer token of the JSON text within 64 signed bits. "1.0" and "1e2" are written as
+// numbers with a fraction or an exponent and are no integer tokens; the parser keeps larger
+// integers as unsigned or floating values.
 std::optional<std::int64_t> integerValue(const json& v) {
+    if (v.is_number_unsigned()) {
+        const auto u = v.get<std::uint64_t>();
+        if (u > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
+            return std::nullopt;
+        }
+        return static_cast<std::int64_t>(u);
+    }
     if (v.is_number_integer()) {
         return v.get<std::int64_t>();
-    }
-    // A number written with a fraction of zero (1.0) still names an integer.
-    if (v.is_number_float()) {
-        const double d = v.get<double>();
-        if (std::isfinite(d) && d == std::trunc(d) && std::fabs(d) < 9.2e18) {
-            return static_cast<std::int64_t>(d);
-        }
     }
     return std::nullopt;
 }
@@ -83,6 +86,30 @@ std::optional<Request> decodeRequest(std::string_view bytes) {
         }
     }
     return request;
+}
+
+std::optional<RequestItem> resolveItem(const RequestItem& item,
+                                       const std::filesystem::path& workingDirectory) {
+    if (item.path.find('\0') != std::string::npos ||
+        item.dropHint.find('\0') != std::string::npos) {
+        return std::nullopt;
+    }
+    // As a file URL made from a relative path: below the working directory, with "." and empty
+    // components dropped ("" and "." name the directory itself).
+    auto resolve = [&](const std::string& text) {
+        const std::filesystem::path path(text);
+        if (path.is_absolute()) {
+            return text;
+        }
+        std::filesystem::path out;
+        for (const auto& part : workingDirectory / path) {
+            if (!part.empty() && part != ".") {
+                out /= part;
+            }
+        }
+        return out.string();
+    };
+    return RequestItem{resolve(item.path), resolve(item.dropHint)};
 }
 
 CommandLine parseCommandLine(const std::vector<std::string>& args) {

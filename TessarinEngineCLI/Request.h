@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -20,6 +21,14 @@ struct Request {
 // Decodes a request; nothing when the bytes are no JSON, a required key is missing or a value has
 // the wrong type. Keys the request does not name are ignored.
 std::optional<Request> decodeRequest(std::string_view bytes);
+
+// The item with both paths absolute: a relative path, and an empty drop hint, resolve against
+// `workingDirectory`; absolute paths are kept as written. Nothing when either path holds a NUL,
+// which no file name can (the part before it would name another file).
+std::optional<RequestItem> resolveItem(const RequestItem& item,
+                                       const std::filesystem::path& workingDirectory);
+
+inline constexpr std::string_view kNulInPathMessage = "Path contains a NUL character";
 
 // What the command line asks for.
 struct CommandLine {

@@ -8,9 +8,7 @@
 
 #include <chrono>
 #include <cstdio>
-#include <fstream>
 #include <iostream>
-#include <iterator>
 #include <sstream>
 
 namespace {
@@ -24,20 +22,33 @@ std::optional<std::string> readAll(std::istream& in) {
     return buffer.str();
 }
 
-std::optional<std::string> readFile(const std::string& path) {
-    if (!Files::isRegularFile(path)) {
-        return std::nullopt;
+int runRequest(const CommandLine& cl) {
+    std::optional<std::string> bytes;
+    if (cl.useStdin) {
+        std::ios::sync_with_stdio(false);
+        bytes = readAll(std::cin);
+    } else {
+        bytes = Files::readToEnd(*cl.inputPath);
+        if (!bytes) {
+            Events::eprint(std::string(kUsageText));
+            return 1;
+        }
     }
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        return std::nullopt;
+
+    auto request = bytes ? decodeRequest(*bytes) : std::nullopt;
+    if (!request) {
+        Events::emit(ErrorEvent{std::nullopt, "Could not parse request JSON"});
+        return 1;
     }
-    return readAll(in);
+    return Pipeline::runPipeline(*request, Events::emit) ? 0 : 1;
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
+    // A launcher may start us with standard output closed; the first cache file opened would
+    // then take its number and receive the events.
+    Files::openStandardDescriptors();
     EngineLog::sink() = Events::eprint;
     EnvelopeCache::setCacheDir(Files::userCacheDirectory() / "TessarinEngineCLI");
     const double now =
@@ -62,22 +73,11 @@ int main(int argc, char** argv) {
         break;
     }
 
-    std::optional<std::string> bytes;
-    if (cl.useStdin) {
-        std::ios::sync_with_stdio(false);
-        bytes = readAll(std::cin);
-    } else {
-        bytes = readFile(*cl.inputPath);
-        if (!bytes) {
-            Events::eprint(std::string(kUsageText));
-            return 1;
-        }
-    }
-
-    auto request = bytes ? decodeRequest(*bytes) : std::nullopt;
-    if (!request) {
-        Events::emit(ErrorEvent{std::nullopt, "Could not parse request JSON"});
+    try {
+        return runRequest(cl);
+    } catch (const Events::WriteFailed& e) {
+        // Nothing can reach the front end any more; a run that ends here must not look finished.
+        Events::eprint(std::string("Could not write events: ") + e.what());
         return 1;
     }
-    return Pipeline::runPipeline(*request, Events::emit) ? 0 : 1;
 }

@@ -1,13 +1,20 @@
 #include "TessarinEngine/AudioExtractor.h"
 
+#include "TessarinEngine/MediaMetadata.h"
+#include "TessarinEngine/SpectralBands.h"
 #include "TessarinEngine/platform/MediaDecoder.h"
 #include "tests/support/MediaFixtures.h"
 #include "tests/support/TestSupport.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <limits>
+#include <random>
 #include <sys/stat.h>
+#include <unistd.h>
 
 using namespace MediaFixtures;
 
@@ -210,5 +217,100 @@ TEST(AudioExtractor, BRAWResultsAreFoldedResampledAndChecked) {
     shortData.interleaved.pop_back();
     for (const auto& result : {noFrames, noChannels, noRate, shortData}) {
         EXPECT_EQ(error(result), "noAudioTrack(\"A001.braw\")");
+    }
+}
+
+TEST(AudioExtractor, OnlyTheNamedLocalFileIsEverRead) {
+    TestSupport::TempDir dir;
+    const auto seconds = [](const std::vector<float>& samples) {
+        return static_cast<double>(samples.size()) / kRate;
+    };
+    writeWav(dir / "other.wav", sine(440, 0.5f, 2.0, kRate));
+    ASSERT_EQ(::mkfifo((dir / "fifo.wav").c_str(), 0600), 0);
+    // Playlists saved with a media extension: each names another file beside it.
+    TestSupport::writeText(dir / "list.wav", "ffconcat version 1.0\nfile fifo.wav\n");
+    TestSupport::writeText(dir / "playlist.wav", "#EXTM3U\n#EXT-X-TARGETDURATION:2\n"
+                                                 "#EXTINF:2.0,\nother.wav\n#EXT-X-ENDLIST\n");
+    for (const char* playlist : {"list.wav", "playlist.wav"}) {
+        SCOPED_TRACE(playlist);
+        // Whatever waits on the FIFO is let go after 5 s, too late.
+        TestSupport::FifoWatchdog watchdog(dir / "fifo.wav", 5.0);
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(errorOf([&] { AudioExtractor::extract(dir / playlist, 0, {}); }),
+                  "readerStartFailed(\"Invalid argument\")");
+        EXPECT_EQ(MediaMetadata::readDuration(dir / playlist), 0.0);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));
+    }
+
+    // A relative name with a colon is a file in the working folder, never a protocol: here not
+    // standard input, which holds another recording.
+    writeWav(dir / "pipe:0.wav", sine(440, 0.5f, 1.0, kRate));
+    writeWav(dir / "stdin.wav", sine(440, 0.5f, 3.0, kRate));
+    struct Redirect {
+        int saved = ::dup(0);
+        const std::filesystem::path previous = std::filesystem::current_path();
+        explicit Redirect(const TestSupport::TempDir& d) {
+            const int fd = ::open((d / "stdin.wav").c_str(), O_RDONLY);
+            ::dup2(fd, 0);
+            ::close(fd);
+            std::filesystem::current_path(d.path());
+        }
+        ~Redirect() {
+            std::filesystem::current_path(previous);
+            ::dup2(saved, 0);
+            ::close(saved);
+        }
+    };
+    {
+        Redirect redirect(dir);
+        EXPECT_NEAR(seconds(MediaDecoder::decodeMixedMono("pipe:0.wav", kRate, {})), 1.0, 0.01);
+        EXPECT_NEAR(MediaMetadata::readDuration("pipe:0.wav"), 1.0, 0.01);
+    }
+}
+
+TEST(AudioExtractor, AFileCostsNoMoreThanItsContainerHonestlyHolds) {
+    TestSupport::TempDir dir;
+    // 1000 samples said to be at 1 Hz: 4 KB claiming 17 minutes. A file this size cannot hold
+    // more than its size at 100 bytes per second plus a minute, 101 s, of 16 kHz samples.
+    writeWav(dir / "one-hertz.wav", sine(0.1, 0.5f, 1000.0, 1), 1);
+    // Low rates are no fault in themselves: 100 s at 100 Hz is 40 KB, honest, and decodes whole.
+    writeWav(dir / "hundred-hertz.wav", sine(7, 0.5f, 100.0, 100), 100);
+
+    std::size_t laid = 0;
+    const auto onLaid = [&](std::size_t n) {
+        laid = n;
+    };
+    EXPECT_EQ(errorOf([&] { MediaDecoder::decodeMixedMono(dir / "one-hertz.wav", kRate, onLaid); }),
+              "emptySamples(\"one-hertz.wav\")");
+    EXPECT_LE(laid, 102u * kRate);
+    const auto honest = MediaDecoder::decodeMixedMono(dir / "hundred-hertz.wav", kRate, {});
+    EXPECT_NEAR(static_cast<double>(honest.size()), 100.0 * kRate, 0.01 * kRate);
+}
+
+TEST(AudioExtractor, NonFiniteSamplesAreReadAsZero) {
+    // Noise at 48 kHz, so the damaged samples pass through the resampler's filter.
+    std::mt19937 rng(5);
+    std::normal_distribution<float> noise(0.0f, 0.1f);
+    std::vector<float> clean(2 * 48000);
+    for (auto& v : clean) {
+        v = noise(rng);
+    }
+    TestSupport::TempDir dir;
+    const float bad[] = {std::numeric_limits<float>::quiet_NaN(),
+                         std::numeric_limits<float>::infinity(),
+                         -std::numeric_limits<float>::infinity()};
+    auto damaged = clean, zeroed = clean;
+    for (std::size_t i = 0; i < 3; ++i) {
+        damaged[30000 + 1000 * i] = bad[i];
+        zeroed[30000 + 1000 * i] = 0.0f;
+    }
+    writeWav(dir / "damaged.wav", damaged, 48000);
+    writeWav(dir / "zeroed.wav", zeroed, 48000);
+    const auto a = AudioExtractor::extract(dir / "damaged.wav", 0, {});
+    const auto b = AudioExtractor::extract(dir / "zeroed.wav", 0, {});
+    EXPECT_EQ(a.samples, b.samples);
+    const auto bands = SpectralBands::compute(a.samples);
+    for (std::size_t k = 0; k < bands.bandCount(); ++k) {
+        EXPECT_TRUE(std::ranges::all_of(bands.band(k), [](float v) { return std::isfinite(v); }));
     }
 }

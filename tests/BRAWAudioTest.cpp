@@ -161,7 +161,10 @@ TEST(BRAWAudio, LoaderTakesTheFirstCandidateThatExistsAndSaysWhatBecameOfIt) {
     const auto missing = dir / "missing.so", entry = dir / "libentry.so";
     const std::string notLoaded = "Blackmagic RAW framework found but could not be loaded";
     const std::pair<std::vector<fs::path>, std::string> cases[] = {
-        {{missing, entry, dir / "libother.so"}, "Blackmagic RAW SDK loaded from " + entry.string()},
+        // A factory alone reads no clip: without the clip interfaces nothing is claimed.
+        {{missing, entry, dir / "libother.so"},
+         "Blackmagic RAW SDK found at " + entry.string() +
+             ", but this build cannot read its clips"},
         // A library without the entry point, and a file that is no library, end the search.
         {{missing, dir / "libother.so", entry}, notLoaded},
         {{missing, dir / "garbage.so", entry}, notLoaded},

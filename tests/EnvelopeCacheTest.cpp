@@ -3,10 +3,13 @@
 #include "tests/support/TestSupport.h"
 
 #include <bit>
+#include <chrono>
 #include <cmath>
 #include <fcntl.h>
 #include <fstream>
+#include <functional>
 #include <gtest/gtest.h>
+#include <set>
 #include <sys/stat.h>
 
 using TestSupport::TempDir;
@@ -48,15 +51,29 @@ constexpr double kWeek = 604800.0;
 
 } // namespace
 
-TEST(EnvelopeCache, KeyIsDjb2OfPathSizeAndWholeSecondMtime) {
+TEST(EnvelopeCache, KeyIsFnv1aOfPathSizeAndNanosecondMtimeAndNeverShared) {
     TempDir dir;
     const auto previous = std::filesystem::current_path();
     std::filesystem::current_path(dir.path());
-    // Worked out by hand: djb2 over "probe.wav|3|1700000000", the time cut to whole seconds.
+    auto setModified = [](const char* file, std::int64_t seconds, long nanoseconds) {
+        const timespec both[2] = {{seconds, nanoseconds}, {seconds, nanoseconds}};
+        ASSERT_EQ(utimensat(AT_FDCWD, file, both, 0), 0);
+    };
+    // Worked out by hand: FNV-1a over "probe.wav|3|1700000000900000000".
     TestSupport::writeText("probe.wav", "abc");
-    setTimes("probe.wav", 1700000000.9, 1700000000.9);
-    EXPECT_EQ(EnvelopeCache::cacheKey("probe.wav"), "7073f114bdfcf10c");
+    setModified("probe.wav", 1700000000, 900000000);
+    EXPECT_EQ(EnvelopeCache::cacheKey("probe.wav"), "aa81bd52a9b3c92f");
     EXPECT_FALSE(EnvelopeCache::cacheKey("missing.wav"));
+    // Names whose characters a multiply-and-add hash trades off against each other, with equal
+    // sizes and times, and one file rewritten within the same second.
+    TestSupport::writeText("Ab.wav", "abc");
+    TestSupport::writeText("BA.wav", "xyz");
+    setModified("Ab.wav", 1700000000, 0);
+    setModified("BA.wav", 1700000000, 0);
+    const auto before = EnvelopeCache::cacheKey("Ab.wav");
+    EXPECT_NE(before, EnvelopeCache::cacheKey("BA.wav"));
+    setModified("Ab.wav", 1700000000, 1);
+    EXPECT_NE(before, EnvelopeCache::cacheKey("Ab.wav"));
     std::filesystem::current_path(previous);
 }
 
@@ -124,27 +141,127 @@ TEST(EnvelopeCache, PruneDropsEntriesUnusedForAWeekThenLeastRecentlyUsedBeyondTw
         setTimes(dir / name, used, modified);
     };
     const std::int64_t gib = 1LL << 30;
-    make("old", 3, kNow - kWeek - 1);
-    make("older", 5, kNow - 3 * kWeek);
-    make("a", gib, kNow - kWeek, kNow - 3 * kWeek); // used right at the cutoff
-    make("b", gib, kNow - 50);
+    const char* old = "00000000000000aa";
+    const char* older = "00000000000000ab.bands";
+    const char* a = "00000000000000ac.bands";
+    const char* b = "00000000000000ad";
+    const char* c = "00000000000000ae.bands";
+    make(old, 3, kNow - kWeek - 1);
+    make(older, 5, kNow - 3 * kWeek);
+    make(a, gib, kNow - kWeek, kNow - 3 * kWeek); // used right at the cutoff
+    make(b, gib, kNow - 50);
     TestSupport::LogCapture log;
     auto r = EnvelopeCache::prune(kNow);
     EXPECT_EQ(r.removed, 2);
     EXPECT_EQ(r.bytesFreed, 8);
-    EXPECT_FALSE(std::filesystem::exists(dir / "old") || std::filesystem::exists(dir / "older"));
-    EXPECT_TRUE(std::filesystem::exists(dir / "a")) << "exactly 2 GiB stays";
+    EXPECT_FALSE(std::filesystem::exists(dir / old) || std::filesystem::exists(dir / older));
+    EXPECT_TRUE(std::filesystem::exists(dir / a)) << "exactly 2 GiB stays";
 
-    make("c", 1, kNow - 10);
+    make(c, 1, kNow - 10);
     r = EnvelopeCache::prune(kNow);
     EXPECT_EQ(r.removed, 1);
     EXPECT_EQ(r.bytesFreed, gib);
-    EXPECT_FALSE(std::filesystem::exists(dir / "a"));
-    EXPECT_TRUE(std::filesystem::exists(dir / "b") && std::filesystem::exists(dir / "c"));
+    EXPECT_FALSE(std::filesystem::exists(dir / a));
+    EXPECT_TRUE(std::filesystem::exists(dir / b) && std::filesystem::exists(dir / c));
     EXPECT_EQ(EnvelopeCache::prune(kNow).removed, 0);
     EXPECT_EQ(log.lines(), (std::vector<std::string>{
                                "[Cache] pruned 2 entries (0 MB) \u2014 older than 7 days or over "
                                "the 2 GB ceiling",
                                "[Cache] pruned 1 entry (1024 MB) \u2014 older than 7 days or over "
                                "the 2 GB ceiling"}));
+}
+
+TEST(EnvelopeCache, WhatIsNotOurOwnFileIsAMissNeverWrittenThroughNorPruned) {
+    TempDir dir;
+    const auto cache = dir / "cache";
+    CacheFolder folder(cache);
+    TestSupport::writeText(dir / "clip.wav", "media");
+    TestSupport::writeText(dir / "victim.wav", "a user's recording");
+    const SpectralBands::Feature f({{1.5f, -2.0f}}, 2);
+    const auto featureBytes = EnvelopeCache::encodeBands(f);
+    TestSupport::writeText(dir / "feature.bands",
+                           std::string(featureBytes.begin(), featureBytes.end()));
+    const auto key = *EnvelopeCache::cacheKey(dir / "clip.wav");
+    auto contents = [](const std::filesystem::path& file) {
+        std::ifstream in(file, std::ios::binary);
+        return std::string((std::istreambuf_iterator<char>(in)), {});
+    };
+
+    // What sits under both of the entry's names before the run reads and writes it.
+    const std::pair<const char*, std::function<void(const std::filesystem::path&)>> cases[] = {
+        {"link to a feature file",
+         [&](const auto& at) {
+             std::filesystem::create_symlink(dir / "feature.bands", at);
+         }},
+        {"link to a media file",
+         [&](const auto& at) {
+             std::filesystem::create_symlink(dir / "victim.wav", at);
+         }},
+        {"FIFO",
+         [](const auto& at) {
+             ASSERT_EQ(mkfifo(at.c_str(), 0600), 0);
+         }},
+        {"folder",
+         [](const auto& at) {
+             std::filesystem::create_directory(at);
+         }},
+    };
+    for (const auto& [what, plant] : cases) {
+        SCOPED_TRACE(what);
+        std::filesystem::remove_all(cache);
+        std::filesystem::create_directories(cache);
+        const auto bandsName = cache / (key + ".bands");
+        plant(bandsName);
+        plant(cache / key);
+        {
+            // A reader that waits on the FIFO is let go after 5 s, too late.
+            TestSupport::FifoWatchdog watchdog(bandsName, 5.0);
+            const auto start = std::chrono::steady_clock::now();
+            EXPECT_FALSE(EnvelopeCache::loadBands(dir / "clip.wav"));
+            EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));
+        }
+        EnvelopeCache::saveBands(dir / "clip.wav", f);
+        EnvelopeCache::saveEnvelope(dir / "clip.wav", {0.5f});
+        EXPECT_EQ(contents(dir / "victim.wav"), "a user's recording");
+        EXPECT_EQ(contents(dir / "feature.bands"),
+                  std::string(featureBytes.begin(), featureBytes.end()));
+        // The write replaced what was there, except a folder, which stays a miss; either way no
+        // temporary file is left.
+        const bool isFolder = std::string(what) == "folder";
+        EXPECT_EQ(EnvelopeCache::loadBands(dir / "clip.wav").has_value(), !isFolder);
+        std::set<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(cache)) {
+            names.insert(entry.path().filename().string());
+            EXPECT_FALSE(entry.is_symlink() || entry.is_fifo()) << entry.path();
+        }
+        EXPECT_EQ(names, (std::set<std::string>{key, key + ".bands"}));
+    }
+
+    // The prune removes an old entry and an old temporary file, and leaves the user's note, a
+    // link under an entry's name and what it points to.
+    std::filesystem::remove_all(cache);
+    std::filesystem::create_directories(cache);
+    const double month = kNow - 30 * 86400.0;
+    TestSupport::writeText(cache / "notes.txt", "mine");
+    TestSupport::writeText(cache / "00000000000000aa.bands", "old entry");
+    TestSupport::writeText(cache / "00000000000000ab.bands.tmp-x1Y2z3", "old partial write");
+    std::filesystem::create_symlink(dir / "victim.wav", cache / "00000000000000ac.bands");
+    for (const char* name :
+         {"notes.txt", "00000000000000aa.bands", "00000000000000ab.bands.tmp-x1Y2z3"}) {
+        setTimes(cache / name, month, month);
+    }
+    setTimes(dir / "victim.wav", month, month);
+    const timespec linkTimes[2] = {{static_cast<time_t>(month), 0},
+                                   {static_cast<time_t>(month), 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, (cache / "00000000000000ac.bands").c_str(), linkTimes,
+                        AT_SYMLINK_NOFOLLOW),
+              0);
+    TestSupport::LogCapture log;
+    EXPECT_EQ(EnvelopeCache::prune(kNow).removed, 2);
+    std::set<std::string> left;
+    for (const auto& entry : std::filesystem::directory_iterator(cache)) {
+        left.insert(entry.path().filename().string());
+    }
+    EXPECT_EQ(left, (std::set<std::string>{"notes.txt", "00000000000000ac.bands"}));
+    EXPECT_EQ(contents(dir / "victim.wav"), "a user's recording");
 }

@@ -1,16 +1,22 @@
 #include "TessarinEngine/MediaMetadata.h"
 
+#include "TessarinEngine/platform/MappedFile.h"
 #include "tests/support/MediaFixtures.h"
 #include "tests/support/QuickTimeWriter.h"
 #include "tests/support/RiffWriter.h"
 #include "tests/support/TestSupport.h"
 
+#include <atomic>
 #include <chrono>
+#include <fcntl.h>
 #include <future>
 #include <gtest/gtest.h>
 #include <iterator>
+#include <numeric>
 #include <sstream>
 #include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
 
 namespace {
 
@@ -467,6 +473,46 @@ TEST_F(MediaMetadataFiles, BadInputGivesDefaultsWithoutHanging) {
         EXPECT_TRUE(fields(meta) == fields(unread));
         EXPECT_EQ(meta.date.has_value(), regularFile);
     }
+}
+
+TEST(MediaMetadata, AFileThatShrinksWhileReadGivesDefaultsNotABusError) {
+    TestSupport::TempDir dir;
+    // Read past the end a file lost after it was mapped: zeros, and the mapping says it is
+    // damaged, where a plain mapping ends the process.
+    const auto blob = dir / "blob.bin";
+    MediaFixtures::writeBytes(blob, MediaFixtures::randomBytes(65536, 9));
+    auto mapped = MappedFile::open(blob);
+    ASSERT_TRUE(mapped);
+    ASSERT_EQ(::truncate(blob.c_str(), 100), 0);
+    EXPECT_FALSE(mapped->damaged());
+    const auto bytes = mapped->bytes();
+    EXPECT_EQ(std::accumulate(bytes.begin() + 8192, bytes.end(), 0u), 0u);
+    EXPECT_TRUE(mapped->damaged());
+
+    // A recording whose bext chunk, behind 8 MB of samples, is cut off and written back again
+    // and again while it is read: each read is the whole file's or the defaults.
+    const auto wav = rw::wave({rw::fmt(1, 48000, 16), rw::silence(1, 16, 4000000),
+                               rw::bext({"", "SoundDevices", "2023-07-01", "14:25:30", 0})});
+    const auto file = dir / "T001.wav";
+    MediaFixtures::writeBytes(file, wav);
+    std::atomic<bool> done = false;
+    std::jthread cutter([&] {
+        const int fd = ::open(file.c_str(), O_WRONLY | O_CLOEXEC);
+        while (!done) {
+            EXPECT_EQ(::ftruncate(fd, 4096), 0);
+            EXPECT_EQ(::pwrite(fd, wav.data() + 4096, wav.size() - 4096, 4096),
+                      static_cast<ssize_t>(wav.size() - 4096));
+        }
+        ::close(fd);
+    });
+    for (int i = 0; i < 200; ++i) {
+        const auto meta = MediaMetadata::readClipMeta(file);
+        if (meta.device) {
+            EXPECT_EQ(*meta.device, "SoundDevices");
+            EXPECT_NEAR(meta.duration, 4000000 / 48000.0, 1e-9);
+        }
+    }
+    done = true;
 }
 
 } // namespace

@@ -1,10 +1,16 @@
+#include "TessarinEngine/EnvelopeCache.h"
+#include "tests/support/MediaFixtures.h"
+#include "tests/support/RiffWriter.h"
 #include "tests/support/TestSupport.h"
 
+#include <atomic>
+#include <fcntl.h>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 using TestSupport::runEngine;
@@ -151,9 +157,21 @@ TEST(Reliability, BrokenFilesCostOneErrorEachAndMoveNothingElse) {
     std::filesystem::copy_file(shoot / "CamA" / "A002.MOV", broken / "misnamed.WAV");
     std::filesystem::create_directories(broken / "folder.MOV");
     ASSERT_EQ(mkfifo((broken / "pipe.WAV").c_str(), 0644), 0);
+    // Playlists saved as media: one names the FIFO, one a good file of the shoot.
+    TestSupport::writeText(broken / "list.WAV", "ffconcat version 1.0\nfile pipe.WAV\n");
+    TestSupport::writeText(broken / "playlist.MOV",
+                           "#EXTM3U\n#EXT-X-TARGETDURATION:30\n#EXTINF:30.0,\n" +
+                               (shoot / "Sound" / "T001.WAV").string() + "\n#EXT-X-ENDLIST\n");
+    // A silent recording, its bext chunk behind 8 MB of samples, cut off and written back again
+    // and again for as long as the run reads it.
+    const auto shrinkingBytes =
+        RiffWriter::wave({RiffWriter::fmt(1, 48000, 16), RiffWriter::silence(1, 16, 4000000),
+                          RiffWriter::bext({"", "Recorder", "2023-07-01", "14:25:30", 0})});
+    MediaFixtures::writeBytes(broken / "shrinking.WAV", shrinkingBytes);
     std::vector<std::string> brokenPaths = {"truncated.MOV", "truncated.WAV", "flipped.MOV",
                                             "flipped.WAV",   "empty.MOV",     "misnamed.WAV",
-                                            "folder.MOV",    "pipe.WAV",      "ghost.MOV"};
+                                            "folder.MOV",    "pipe.WAV",      "ghost.MOV",
+                                            "list.WAV",      "playlist.MOV",  "shrinking.WAV"};
     const bool root = geteuid() == 0;
     if (!root) {
         TestSupport::writeText(broken / "locked.WAV", "RIFF");
@@ -170,13 +188,47 @@ TEST(Reliability, BrokenFilesCostOneErrorEachAndMoveNothingElse) {
     TestSupport::writeText(dir / "broken.json", request.dump());
     TestSupport::writeText(dir / "good.json", goodRequest.dump());
 
-    const auto before = snapshot(shoot);
+    // The broken run's cache holds a link under a good recording's entry names, pointing out of
+    // the cache, and a FIFO under a good camera clip's.
+    const auto cache = dir / "xdg2" / "TessarinEngineCLI";
+    std::filesystem::create_directories(cache);
+    TestSupport::writeText(dir / "victim.txt", "a user's file");
+    const auto recording = *EnvelopeCache::cacheKey(shoot / "Sound" / "T001.WAV");
+    std::filesystem::create_symlink(dir / "victim.txt", cache / (recording + ".bands"));
+    std::filesystem::create_symlink(dir / "victim.txt", cache / recording);
+    const auto clip = *EnvelopeCache::cacheKey(shoot / "CamA" / "A001.MOV");
+    ASSERT_EQ(mkfifo((cache / (clip + ".bands")).c_str(), 0644), 0);
+
+    auto before = snapshot(shoot);
     auto good = runEngine(dir / "good.json", {"XDG_CACHE_HOME=" + (dir / "xdg1").string()});
+    std::atomic<bool> done = false;
+    std::jthread cutter([&] {
+        const int fd = ::open((broken / "shrinking.WAV").c_str(), O_WRONLY | O_CLOEXEC);
+        while (!done) {
+            EXPECT_EQ(::ftruncate(fd, 4096), 0);
+            EXPECT_EQ(
+                ::pwrite(fd, shrinkingBytes.data() + 4096, shrinkingBytes.size() - 4096, 4096),
+                static_cast<ssize_t>(shrinkingBytes.size() - 4096));
+        }
+        ::close(fd);
+    });
     auto bad = runEngine(dir / "broken.json", {"XDG_CACHE_HOME=" + (dir / "xdg2").string()});
+    done = true;
+    cutter.join();
     ASSERT_EQ(good.exitCode, 0) << good.log;
     EXPECT_EQ(bad.exitCode, 0) << bad.log;
     EXPECT_EQ(bad.ofType("done").size(), 1u);
-    EXPECT_EQ(snapshot(shoot).items, before.items);
+    // Only the test itself rewrote the shrinking file.
+    auto after = snapshot(shoot);
+    after.items.erase("Broken/shrinking.WAV");
+    before.items.erase("Broken/shrinking.WAV");
+    EXPECT_EQ(after.items, before.items);
+    std::ifstream victim(dir / "victim.txt");
+    EXPECT_EQ(std::string((std::istreambuf_iterator<char>(victim)), {}), "a user's file");
+    for (const auto& name : {recording + ".bands", recording, clip + ".bands"}) {
+        EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(cache / name)))
+            << name;
+    }
 
     std::map<std::string, int> errorsPerPath;
     for (const auto& e : bad.ofType("error")) {
@@ -188,8 +240,8 @@ TEST(Reliability, BrokenFilesCostOneErrorEachAndMoveNothingElse) {
         EXPECT_EQ(path.rfind(broken.string(), 0), 0u) << "error for a good file: " << path;
     }
     // Files that hold no readable media say so once each; none is lost from the results.
-    for (const char* unreadable :
-         {"empty.MOV", "folder.MOV", "pipe.WAV", "ghost.MOV", "truncated.MOV"}) {
+    for (const char* unreadable : {"empty.MOV", "folder.MOV", "pipe.WAV", "ghost.MOV",
+                                   "truncated.MOV", "list.WAV", "playlist.MOV"}) {
         EXPECT_EQ(errorsPerPath[(broken / unreadable).string()], 1) << unreadable;
     }
     auto goodResults = resultsByPath(good);

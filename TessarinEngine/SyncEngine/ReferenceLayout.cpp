@@ -1,6 +1,7 @@
 #include "TessarinEngine/SyncEngine/Run.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace SyncEngine {
 
@@ -39,33 +40,47 @@ bool clocksOverlap(const std::vector<Date>& a, const std::vector<Date>& b) {
 
 int chooseReference(const Run& run) {
     const Region& region = run.region;
-    if (region.bestLong) {
-        return *region.bestLong;
-    }
+    // A track none of whose clips has features (all failed or silent) gives nothing to match
+    // against, so it never leads; only a region where no track has any keeps every track.
+    const auto heard = [&](int si) {
+        const auto& clips = run.sources[si].clips;
+        const auto refs = regionClipsOf(run, si);
+        return std::any_of(refs.begin(), refs.end(),
+                           [&](int ci) { return clips[ci].bandFeature.has_value(); });
+    };
+    const bool anyHeard = std::any_of(region.tracks.begin(), region.tracks.end(), heard);
+    const auto candidates = [&](const std::vector<int>& tracks) {
+        std::vector<int> out;
+        std::copy_if(tracks.begin(), tracks.end(), std::back_inserter(out),
+                     [&](int si) { return !anyHeard || heard(si); });
+        return out;
+    };
     const auto byMaxClip = [&](int si) {
         return maxClip(run, si);
     };
+    if (const auto longAudio = candidates(region.longAudio); !longAudio.empty()) {
+        return largestBy(longAudio, byMaxClip);
+    }
     if (region.camerasFirst) {
         return largestBy(region.longCameras, byMaxClip);
     }
-    if (!region.audioTracks.empty()) {
-        const int busiest =
-            largestBy(region.audioTracks, [&](int si) { return regionClipCount(run, si); });
+    if (const auto audio = candidates(region.audioTracks); !audio.empty()) {
+        const int busiest = largestBy(audio, [&](int si) { return regionClipCount(run, si); });
         if (regionClipCount(run, busiest) > 2) {
             return busiest;
         }
-        if (region.audioTracks.size() == 1) {
-            return region.audioTracks.front();
+        if (audio.size() == 1) {
+            return audio.front();
         }
-        return largestBy(region.audioTracks, byMaxClip);
+        return largestBy(audio, byMaxClip);
     }
     std::vector<int> leads;
-    for (int si : region.tracks) {
+    for (int si : candidates(region.tracks)) {
         if (!run.sources[si].siblingOf) {
             leads.push_back(si);
         }
     }
-    return largestBy(leads.empty() ? region.tracks : leads, byMaxClip);
+    return largestBy(leads.empty() ? candidates(region.tracks) : leads, byMaxClip);
 }
 
 bool layoutReference(Run& run) {

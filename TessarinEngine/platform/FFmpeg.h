@@ -14,8 +14,10 @@ extern "C" {
 #include <libswresample/swresample.h>
 }
 
+#include <filesystem>
 #include <mutex>
 #include <string>
+#include <variant>
 
 namespace FFmpeg {
 
@@ -76,5 +78,17 @@ inline void silenceLogs() {
     static std::once_flag once;
     std::call_once(once, [] { av_log_set_level(AV_LOG_QUIET); });
 }
+
+// Opens a container as one local file and nothing else: every FFmpeg open of media goes through
+// here. Only the file protocol is allowed, and the path is handed over as "file:" + path, so a
+// colon in a name ("pipe:0.wav") is never read as a protocol. Only demuxers of self-contained
+// containers are allowed (no playlists, concatenation lists, manifests or image sequences), and
+// the opened container may open nothing else. With `bytes`, the container is read from that
+// context instead and `path` only helps guess the format by its extension; without it, a path
+// that is not a regular file is refused before anything opens it, so a FIFO cannot block.
+// Returns the opened context, or the reason in words ("not a regular file" or FFmpeg's text).
+// Thread-safe.
+std::variant<FormatContext, std::string> openLocalMedia(const std::filesystem::path& path,
+                                                        AVIOContext* bytes = nullptr);
 
 } // namespace FFmpeg

@@ -1,10 +1,12 @@
 #include "TessarinEngine/platform/Files.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace Files {
 
@@ -32,6 +34,103 @@ std::optional<double> creationDate(const std::filesystem::path& path) {
         return std::nullopt;
     }
     return static_cast<double>(st.stx_btime.tv_sec) + st.stx_btime.tv_nsec * 1e-9;
+}
+
+namespace {
+
+// Closes the descriptor on every way out.
+struct Descriptor {
+    int fd;
+    ~Descriptor() {
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    }
+};
+
+} // namespace
+
+std::optional<std::vector<std::uint8_t>> readRegularFile(const std::filesystem::path& path) {
+    Descriptor in{::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
+    struct stat st {};
+    if (in.fd < 0 || ::fstat(in.fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        return std::nullopt;
+    }
+    std::vector<std::uint8_t> bytes(static_cast<std::size_t>(st.st_size));
+    std::size_t done = 0;
+    while (done < bytes.size()) {
+        const auto n =
+            ::pread(in.fd, bytes.data() + done, bytes.size() - done, static_cast<off_t>(done));
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return std::nullopt;
+        }
+        done += static_cast<std::size_t>(n);
+    }
+    return bytes;
+}
+
+bool replaceFile(const std::filesystem::path& path, std::span<const std::uint8_t> bytes) {
+    std::string temporary = path.string() + std::string(kReplacementMark) + "XXXXXX";
+    // mkostemp creates its file exclusively: it never opens what is already there.
+    Descriptor out{::mkostemp(temporary.data(), O_CLOEXEC)};
+    if (out.fd < 0) {
+        return false;
+    }
+    bool written = true;
+    for (std::size_t done = 0; written && done < bytes.size();) {
+        const auto n = ::write(out.fd, bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        written = n > 0;
+        done += written ? static_cast<std::size_t>(n) : 0;
+    }
+    written = ::close(std::exchange(out.fd, -1)) == 0 && written;
+    if (!written || ::rename(temporary.c_str(), path.c_str()) != 0) {
+        ::unlink(temporary.c_str());
+        return false;
+    }
+    return true;
+}
+
+std::optional<std::string> readToEnd(const std::filesystem::path& path) {
+    Descriptor in{::open(path.c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC)};
+    struct stat st {};
+    if (in.fd < 0 || ::fstat(in.fd, &st) != 0 || S_ISDIR(st.st_mode)) {
+        return std::nullopt;
+    }
+    std::string text;
+    char buffer[65536];
+    for (;;) {
+        const auto n = ::read(in.fd, buffer, sizeof buffer);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0) {
+            return std::nullopt;
+        }
+        if (n == 0) {
+            return text;
+        }
+        text.append(buffer, static_cast<std::size_t>(n));
+    }
+}
+
+void openStandardDescriptors() {
+    for (int fd = 0; fd <= 2; ++fd) {
+        if (::fcntl(fd, F_GETFD) != -1 || errno != EBADF) {
+            continue;
+        }
+        // open() takes the lowest free number, which is this one while the lower ones are open.
+        const int opened = ::open("/dev/null", O_RDWR);
+        if (opened >= 0 && opened != fd) {
+            ::dup2(opened, fd);
+            ::close(opened);
+        }
+    }
 }
 
 } // namespace Files

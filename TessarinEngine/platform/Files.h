@@ -1,7 +1,12 @@
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
 
 namespace Files {
 
@@ -14,5 +19,27 @@ bool isRegularFile(const std::filesystem::path& path);
 
 // The file's birth time where the file system records one (statx), else nothing. Never throws.
 std::optional<double> creationDate(const std::filesystem::path& path);
+
+// Everything that reading the file gives up to its end: a regular file, a pipe (a shell's
+// process substitution, /dev/stdin) or a device. Nothing for a folder, or when the file cannot
+// be opened or a read fails. Blocks while a pipe's writer has not finished.
+std::optional<std::string> readToEnd(const std::filesystem::path& path);
+
+// The bytes of a regular file, read to its end; nothing for anything else. A link is not
+// followed, and a FIFO or device is never waited on. Never throws but for memory.
+std::optional<std::vector<std::uint8_t>> readRegularFile(const std::filesystem::path& path);
+
+// What replaceFile adds to the file's name for its temporary file, before six random letters
+// and digits: "{name}.tmp-" and six characters.
+inline constexpr std::string_view kReplacementMark = ".tmp-";
+
+// Writes `bytes` to a new temporary file beside `path` and renames it over `path`: a reader never
+// meets half a file, and whatever sat under the name (a link, a FIFO) is replaced, never opened
+// or written through. Returns whether it worked; a failure leaves no temporary file behind.
+bool replaceFile(const std::filesystem::path& path, std::span<const std::uint8_t> bytes);
+
+// Opens /dev/null on whichever of descriptors 0, 1 and 2 is closed, so that no file opened later
+// takes one of their numbers (event lines would then land in it). Call first thing at start.
+void openStandardDescriptors();
 
 } // namespace Files

@@ -9,6 +9,9 @@
 
 // A regular file mapped read-only into memory, so every parser of a clip works on one byte span
 // and the file is opened once. Only the pages a parser touches are read from disk.
+// The mapping is guarded: should the file shrink while it is mapped (a copy over it, a card
+// being rewritten), a read past its new end sees zeros instead of ending the process, and
+// damaged() says so from then on. A caller reads, then asks damaged() before trusting anything.
 class MappedFile {
 public:
     // Maps the file; nothing for a path that is missing or names anything but a regular file
@@ -26,12 +29,16 @@ public:
     // The file's birth time where the file system records one.
     std::optional<Date> creationDate() const { return created_; }
     std::optional<Date> modificationDate() const { return modified_; }
+    // Whether a read met a part of the file that was gone: what was read is not the file.
+    bool damaged() const;
 
 private:
     MappedFile() = default;
+    void release();
 
     const std::uint8_t* data_ = nullptr;
     std::size_t size_ = 0;
+    int guard_ = -1;
     std::optional<Date> created_;
     std::optional<Date> modified_;
 };

@@ -8,16 +8,16 @@ extern "C" {
 }
 
 #include <algorithm>
-#include <cerrno>
 #include <cfloat>
 #include <climits>
 #include <cmath>
 #include <cstdint>
+#include <limits>
 #include <new>
 #include <optional>
 #include <set>
-#include <sys/stat.h>
 #include <utility>
+#include <variant>
 
 namespace MediaDecoder {
 
@@ -134,6 +134,8 @@ struct StreamDecode {
 struct Decoding {
     std::string fileName;
     int rateHz = 0;
+    // The most samples the file can honestly yield; see sampleLimit.
+    std::size_t maxSamples = 0;
     std::vector<float> mix;
     std::vector<float> scratch;
     const std::function<void(std::size_t)>* onLaid = nullptr;
@@ -144,6 +146,9 @@ void layInMix(Decoding& d, StreamDecode& s, std::size_t count) {
         return;
     }
     const std::size_t from = s.offset + s.laid;
+    if (from + count > d.maxSamples) {
+        throw TessarinError(Kind::emptySamples, d.fileName);
+    }
     if (from + count > d.mix.size()) {
         d.mix.resize(from + count);
     }
@@ -178,7 +183,55 @@ void resampleInto(Decoding& d, StreamDecode& s, const std::uint8_t** in, int cou
     }
 }
 
-void layFrame(Decoding& d, StreamDecode& s, const AVFrame* frame) {
+template <class Sample>
+bool forEachNonFinite(AVFrame* frame, bool zero) {
+    const auto format = static_cast<AVSampleFormat>(frame->format);
+    const int channels = frame->ch_layout.nb_channels;
+    const bool planar = av_sample_fmt_is_planar(format) != 0;
+    const int planes = planar ? channels : 1;
+    const auto perPlane = static_cast<std::size_t>(frame->nb_samples) *
+                          static_cast<std::size_t>(planar ? 1 : channels);
+    for (int p = 0; p < planes; ++p) {
+        auto* samples = reinterpret_cast<Sample*>(frame->extended_data[p]);
+        for (std::size_t i = 0; i < perPlane; ++i) {
+            if (!std::isfinite(samples[i])) {
+                if (!zero) {
+                    return true;
+                }
+                samples[i] = 0;
+            }
+        }
+    }
+    return false;
+}
+
+// A float stream can hold NaN or infinity (a damaged file, a faulty plug-in). One such value
+// would spread through the resampler's filter into the features of the whole file, so it is read
+// as 0. The frame is copied only when it holds one.
+template <class Sample>
+void zeroNonFinite(AVFrame* frame) {
+    if (!forEachNonFinite<Sample>(frame, false)) {
+        return;
+    }
+    if (av_frame_make_writable(frame) < 0) {
+        throw std::bad_alloc();
+    }
+    forEachNonFinite<Sample>(frame, true);
+}
+
+void layFrame(Decoding& d, StreamDecode& s, AVFrame* frame) {
+    switch (frame->format) {
+    case AV_SAMPLE_FMT_FLT:
+    case AV_SAMPLE_FMT_FLTP:
+        zeroNonFinite<float>(frame);
+        break;
+    case AV_SAMPLE_FMT_DBL:
+    case AV_SAMPLE_FMT_DBLP:
+        zeroNonFinite<double>(frame);
+        break;
+    default:
+        break;
+    }
     const bool sameInput = s.resampler && frame->sample_rate == s.inRate &&
                            frame->format == s.inFormat &&
                            av_channel_layout_compare(&frame->ch_layout, &s.inLayout.get()) == 0;
@@ -293,16 +346,51 @@ void averageOverlaps(std::vector<float>& mix, const std::vector<StreamDecode>& s
     }
 }
 
-// Two hours: the most the duration a file claims may reserve up front.
+// The duration the container states, where it states one; an estimate from the bit rate is
+// no statement.
+std::optional<double> statedDuration(const AVFormatContext* format) {
+    if (format->duration == AV_NOPTS_VALUE || format->duration <= 0 ||
+        format->duration_estimation_method == AVFMT_DURATION_FROM_BITRATE) {
+        return std::nullopt;
+    }
+    return static_cast<double>(format->duration) / AV_TIME_BASE;
+}
+
+// Audio costs a file at least this many bytes per second: 800 bit/s is below every codec a
+// camera, recorder or phone writes, yet a header claiming 1 Hz samples cannot turn a few
+// kilobytes into hours of 16 kHz floats (each 16 kHz second costs 64000 bytes of memory).
+constexpr double kMinBytesPerSecond = 100;
+// What a file may yield beyond its stated duration: priming, rounding, a container that
+// understates its length.
+constexpr double kStatedSlackFactor = 2.0;
+// Slack in seconds on both bounds, so a tiny file or a short stated duration is never cut.
+constexpr double kSlackSeconds = 60;
+
+// The most samples one file may yield, so what a file costs is bounded by what its container
+// honestly holds, however long that is: its size at the lowest byte rate of real audio, and
+// twice the duration it states.
+std::size_t sampleLimit(AVFormatContext* format, int rateHz) {
+    const std::int64_t bytes = format->pb != nullptr ? avio_size(format->pb) : -1;
+    double seconds = bytes >= 0 ? static_cast<double>(bytes) / kMinBytesPerSecond + kSlackSeconds
+                                : std::numeric_limits<double>::infinity();
+    if (const auto stated = statedDuration(format)) {
+        seconds = std::min(seconds, *stated * kStatedSlackFactor + kSlackSeconds);
+    }
+    const double samples = seconds * rateHz;
+    return samples >= static_cast<double>(SIZE_MAX) ? SIZE_MAX : static_cast<std::size_t>(samples);
+}
+
+// Two hours: the most the duration a file states may reserve up front. Longer files grow past
+// it; the reservation only spares the first regrowths.
 constexpr double kMaxReservedSeconds = 7200.0;
 
-std::size_t reservationFor(const AVFormatContext* format, int rateHz) {
-    if (format->duration == AV_NOPTS_VALUE || format->duration <= 0) {
+std::size_t reservationFor(const AVFormatContext* format, int rateHz, std::size_t limit) {
+    const auto stated = statedDuration(format);
+    if (!stated) {
         return 0;
     }
-    const double seconds =
-        std::min(static_cast<double>(format->duration) / AV_TIME_BASE + 1.0, kMaxReservedSeconds);
-    return static_cast<std::size_t>(seconds * rateHz);
+    const double seconds = std::min(*stated + 1.0, kMaxReservedSeconds);
+    return std::min(static_cast<std::size_t>(seconds * rateHz), limit);
 }
 
 } // namespace
@@ -315,20 +403,11 @@ std::vector<float> decodeMixedMono(const std::filesystem::path& path, int rateHz
     d.rateHz = rateHz;
     d.onLaid = &onLaid;
 
-    // A FIFO or a device could block the opener for ever, and a folder is no media file.
-    struct stat st {};
-    if (::stat(path.c_str(), &st) != 0) {
-        throw TessarinError(Kind::readerStartFailed, FFmpeg::errorText(AVERROR(errno)));
+    auto opened = FFmpeg::openLocalMedia(path);
+    if (const auto* reason = std::get_if<std::string>(&opened)) {
+        throw TessarinError(Kind::readerStartFailed, *reason);
     }
-    if (!S_ISREG(st.st_mode)) {
-        throw TessarinError(Kind::readerStartFailed, "not a regular file");
-    }
-
-    AVFormatContext* raw = nullptr;
-    if (int rc = avformat_open_input(&raw, path.c_str(), nullptr, nullptr); rc < 0) {
-        throw TessarinError(Kind::readerStartFailed, FFmpeg::errorText(rc));
-    }
-    FFmpeg::FormatContext format(raw);
+    auto format = std::move(std::get<FFmpeg::FormatContext>(opened));
     if (int rc = avformat_find_stream_info(format.get(), nullptr); rc < 0) {
         throw TessarinError(Kind::readerStartFailed, FFmpeg::errorText(rc));
     }
@@ -349,7 +428,8 @@ std::vector<float> decodeMixedMono(const std::filesystem::path& path, int rateHz
         throw TessarinError(Kind::noAudioTrack, d.fileName);
     }
     placeStreams(streams, format.get(), rateHz);
-    d.mix.reserve(reservationFor(format.get(), rateHz));
+    d.maxSamples = sampleLimit(format.get(), rateHz);
+    d.mix.reserve(reservationFor(format.get(), rateHz, d.maxSamples));
 
     FFmpeg::Packet packet(av_packet_alloc());
     FFmpeg::Frame frame(av_frame_alloc());

@@ -12,13 +12,15 @@ namespace MediaDecoder {
 // Decodes every audio stream of a media file into one mono signal at `rateHz`. Each stream is
 // folded to mono as the mean of its channels, resampled as it is decoded, and laid from its start
 // time relative to the earliest audio stream's start; where streams overlap their sum is divided
-// by the number of streams present. Values are not clipped. `onLaid`, if set, gets the number of
-// samples laid so far after every decoded frame, on the calling thread.
+// by the number of streams present. Values are not clipped; NaN and infinities in a float stream
+// are read as 0. `onLaid`, if set, gets the number of samples laid so far after every decoded
+// frame, on the calling thread. The file is opened by FFmpeg::openLocalMedia.
 // Throws TessarinError: readerStartFailed ("not a regular file" or FFmpeg's text) when the file
 // cannot be opened or probed, noAudioTrack (last path component) without an audio stream, and
-// emptySamples (last path component) on a read or decode error other than end of file. What
-// FFmpeg reads to a clean end of file is the whole result, even if the file was cut short; it may
-// be empty. A path that is not a regular file is never opened. Thread-safe.
+// emptySamples (last path component) on a read or decode error other than end of file, or when
+// the output outgrows what the file can hold (twice its stated duration, or its size at 100
+// bytes per second, each plus a minute). What FFmpeg reads to a clean end of file is the whole
+// result, even if the file was cut short; it may be empty. Thread-safe.
 std::vector<float> decodeMixedMono(const std::filesystem::path& path, int rateHz,
                                    const std::function<void(std::size_t)>& onLaid);
 

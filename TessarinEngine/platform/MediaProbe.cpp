@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <string_view>
+#include <variant>
 
 extern "C" {
 #include <libavutil/dict.h>
@@ -56,11 +57,6 @@ std::int64_t seekTo(void* opaque, std::int64_t offset, int whence) {
     }
     reader->position = target;
     return target;
-}
-
-// Refuses every file or URL a demuxer would open beside the container (playlists, references).
-int refuseOpen(AVFormatContext*, AVIOContext**, const char*, int, AVDictionary**) {
-    return AVERROR(EPERM);
 }
 
 struct IOContextFree {
@@ -150,17 +146,11 @@ std::optional<Info> probe(std::span<const std::uint8_t> bytes, const std::string
         av_free(buffer);
         return std::nullopt;
     }
-    AVFormatContext* raw = avformat_alloc_context();
-    if (raw == nullptr) {
+    auto opened = FFmpeg::openLocalMedia(name, io.get());
+    if (!std::holds_alternative<FFmpeg::FormatContext>(opened)) {
         return std::nullopt;
     }
-    raw->pb = io.get();
-    raw->io_open = refuseOpen;
-    // avformat_open_input frees the context itself on failure.
-    if (avformat_open_input(&raw, name.c_str(), nullptr, nullptr) < 0) {
-        return std::nullopt;
-    }
-    FFmpeg::FormatContext format(raw);
+    auto format = std::move(std::get<FFmpeg::FormatContext>(opened));
 
     Info info;
     info.formatName = format->iformat != nullptr ? format->iformat->name : "";

@@ -38,7 +38,8 @@ struct Info {
 };
 
 // Probes the container held in `bytes`. `name` is the file's name; its extension helps FFmpeg
-// choose among formats. Nothing when FFmpeg recognises no format. Streams are read from the
+// choose among formats. Nothing when FFmpeg recognises no format, or one that is not a
+// self-contained container (see FFmpeg::openLocalMedia). Streams are read from the
 // container's header; only formats whose header does not describe them are read further, with a
 // bounded look-ahead. No other file or resource is ever opened. Thread-safe.
 std::optional<Info> probe(std::span<const std::uint8_t> bytes, const std::string& name);

@@ -53,22 +53,35 @@ inline TrackSource videoTrack(const std::string& name, std::vector<ClipItem> cli
     return makeTrack(name, SourceType::video, std::move(clips));
 }
 
+// The clip with a short flat feature: heard, but matching nothing.
+inline ClipItem heard(ClipItem clip) {
+    clip.bandFeature = flatFeature(std::min(static_cast<int>(clip.duration * 25), 100));
+    return clip;
+}
+
+// The track with no feature on any clip, as when every extraction failed.
+inline TrackSource unheard(TrackSource track) {
+    for (auto& clip : track.clips) {
+        clip.bandFeature.reset();
+    }
+    return track;
+}
+
+// A track whose clips each have a short flat feature: it was heard, so it may lead, yet it never
+// matches anything.
 inline TrackSource makeRecorder(const std::string& name, const std::vector<double>& durations) {
     std::vector<ClipItem> clips;
     for (double d : durations) {
-        clips.push_back(makeClip(name + "_" + std::to_string(clips.size()), d));
+        clips.push_back(heard(makeClip(name + "_" + std::to_string(clips.size()), d)));
     }
     return audioTrack(name, std::move(clips));
 }
 
-// A camera track: each clip has a short flat feature, so that it counts as a long, hearable camera
-// once a clip reaches 60 s, yet never matches anything.
+// A camera track like makeRecorder's: it counts as a long, hearable camera once a clip reaches
+// 60 s.
 inline TrackSource makeCamera(const std::string& name, const std::vector<double>& durations) {
     auto track = makeRecorder(name, durations);
     track.type = SourceType::video;
-    for (auto& clip : track.clips) {
-        clip.bandFeature = flatFeature(std::min(static_cast<int>(clip.duration * 25), 100));
-    }
     return track;
 }
 

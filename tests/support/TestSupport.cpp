@@ -1,10 +1,13 @@
 #include "tests/support/TestSupport.h"
 
 #include <array>
+#include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <ctime>
 #include <fcntl.h>
 #include <fstream>
+#include <mutex>
 #include <poll.h>
 #include <random>
 #include <spawn.h>
@@ -66,6 +69,27 @@ bool LogCapture::contains(const std::string& fragment) const {
     }
     return false;
 }
+
+FifoWatchdog::FifoWatchdog(std::filesystem::path fifo, double seconds)
+    : thread_([fifo = std::move(fifo), seconds](std::stop_token stop) {
+          std::mutex mutex;
+          std::condition_variable_any never;
+          std::unique_lock lock(mutex);
+          if (never.wait_for(lock, stop, std::chrono::duration<double>(seconds),
+                             [] { return false; }) ||
+              stop.stop_requested()) {
+              return;
+          }
+          // Opening the writing end fails until a reader waits on the other one.
+          while (!stop.stop_requested()) {
+              const int fd = ::open(fifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+              if (fd >= 0) {
+                  ::close(fd);
+                  return;
+              }
+              std::this_thread::sleep_for(std::chrono::milliseconds(10));
+          }
+      }) {}
 
 ProcessResult runProcess(const std::vector<std::string>& argv, const std::string& input,
                          const std::vector<std::string>& env, const std::filesystem::path& cwd) {

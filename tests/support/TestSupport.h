@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace TestSupport {
@@ -40,6 +41,17 @@ public:
 private:
     EngineLog::Sink previous_;
     std::vector<std::string> lines_;
+};
+
+// Wakes whoever waits on a FIFO: after `seconds`, unless destroyed first, opens its writing end
+// and closes it again, so a reader blocked on it meets the end of the file. A test can then tell
+// a hang (it took that long) from a refusal without hanging itself.
+class FifoWatchdog {
+public:
+    FifoWatchdog(std::filesystem::path fifo, double seconds);
+
+private:
+    std::jthread thread_;
 };
 
 struct ProcessResult {
