@@ -7,16 +7,20 @@ scenario, seed and a hash of the generator, so that a rerun only runs the progra
 program with a feature cache of its own (BUILD/accuracy/cache) in the time zone the scenario asks
 for, and scores every clip:
 
-- A clip's partners are the clips of other devices that truly heard the same scene with it for at
-  least min(5 s, 0.8 x the shorter clip). Against a partner its error is
-  |(placed_c - placed_p) - (true_c - true_p)|. It is right when that error is within 0.04 s for at
-  least half of its partners; its measure is the median error (the lower median, so that a clip
-  right against exactly half of its partners is measured by that half).
+- A clip's partners are the recordings of other devices that truly heard the same scene with it for
+  at least min(5 s, 0.8 x the shorter clip); the channel files of one recording (same device, start
+  and length) are one partner, so that a four-channel recorder does not outvote a camera. Against a
+  partner its error is |(placed_c - placed_p) - (true_c - true_p)| (for a recording of several
+  files, the lower median of theirs). It is right when that error is within 0.04 s for at least
+  half of its partners; its measure is the median error (the lower median, so that a clip right
+  against exactly half of its partners is measured by that half).
 - A clip without partners is measured against the nearest clips of its own device, before and
   after it in true time, that had partners: right when within 1.5 s of where either of them puts
   it (device clocks know whole seconds); its measure is the smaller of the two errors. A clip with
   neither is not counted.
-- A clip is false synced when its status is "synced" and its measure is above 0.1 s.
+- A clip is false synced when its status is "synced" and its measure is above 0.1 s against
+  partners, or above 1.5 s against its own device's neighbours: a clip that overlaps no other
+  device cannot be wrong against what an editor cuts it with, only against its own clock.
 
 Prints one line per scenario, then `accuracy_40ms=<pct> false_synced=<n> clips=<n>` last. Writes
 every clip's details to BUILD/accuracy-last.json.
@@ -105,6 +109,11 @@ def shared_seconds(a, b):
     return best
 
 
+def lower_median(values):
+    ranked = sorted(values)
+    return ranked[(len(ranked) - 1) // 2]
+
+
 def score(truth, results):
     """One record per clip: its measure, whether it is right, and what it was measured by."""
     clips = truth["clips"]
@@ -127,10 +136,12 @@ def score(truth, results):
             else:
                 errors.append((p["path"], abs((placed[path] - placed[p["path"]])
                                               - (c["start"] - p["start"]))))
+        recordings = {}
+        for p, (_, e) in zip(rec["partners"], errors):
+            recordings.setdefault((p["device"], p["start"], p["duration"]), []).append(e)
         # The lower median: with an even count, a clip right against half of its partners
         # (a tie, which counts as right) is measured by the better half.
-        ranked = sorted(e for _, e in errors)
-        measure = ranked[(len(ranked) - 1) // 2]
+        measure = lower_median([lower_median(e) for e in recordings.values()])
         rec.update(basis="partners", errors=errors, measure=measure, right=measure <= FRAME)
     for path, rec in records.items():
         c = rec["clip"]
@@ -170,7 +181,8 @@ def score(truth, results):
         if item["basis"] != "none":
             item.update(measure=rec["measure"], right=rec["right"],
                         falseSynced=item["syncStatus"] == "synced"
-                        and rec["measure"] > FALSE_SYNC,
+                        and rec["measure"] > (FALSE_SYNC if rec["basis"] == "partners"
+                                              else CLOCK),
                         against=[{"path": p, "error": e} for p, e in rec["errors"]])
         out.append(item)
     return out

@@ -14,6 +14,12 @@ constexpr double kPoolMinOverlap = 8.0;
 constexpr double kPoolMinOverlapShare = 0.8;
 // Only the best peak of each segment is asked for.
 constexpr double kPoolMinSeparation = 0.5;
+// A short clip's peak is chosen in its narrow window but scored against the lags this far on
+// either side: against a few seconds of lags a chance likeness stands out as much as the truth.
+constexpr double kShortStatsHalf = 20.0;
+// Short of this many seconds of lags around the window (a segment's edge), the score would not be
+// comparable with the floors measured against the full width.
+constexpr double kShortStatsLeast = 20.0;
 
 } // namespace
 
@@ -108,6 +114,41 @@ std::optional<Match> bestMatch(const std::vector<PoolSpan>& spans,
         }
         if (found && (!best || found->score > best->score)) {
             best = found;
+        }
+    }
+    return best;
+}
+
+std::optional<Match> shortMatch(const std::vector<PoolSpan>& spans,
+                                const SpectralBands::Feature& feature, double lo, double hi) {
+    const int c = feature.frames;
+    const double mid = (lo + hi) / 2;
+    const double minOverlap = kPoolMinOverlapShare * c / kFramesPerSecond;
+    std::optional<Match> best;
+    for (const auto& span : spans) {
+        if (!span.bands || span.bands->frames <= c) {
+            continue;
+        }
+        // The lags a score is measured against: the stats range clamped to where the clip keeps
+        // its overlap inside the segment.
+        const double first =
+            std::max(mid - kShortStatsHalf, span.off - c / kFramesPerSecond + minOverlap);
+        const double last = std::min(mid + kShortStatsHalf,
+                                     span.off + span.bands->frames / kFramesPerSecond - minOverlap);
+        if (last - first < kShortStatsLeast || last < lo || first > hi) {
+            continue;
+        }
+        const auto peaks = searchPeaks(
+            feature, *span.bands, first - span.off, last - span.off, minOverlap,
+            static_cast<int>((last - first) * kFramesPerSecond) + 2, 1.0 / kFramesPerSecond);
+        for (const auto& p : peaks) {
+            const double pos = span.off + p.offsetSeconds;
+            if (pos >= lo - 1e-9 && pos <= hi + 1e-9) {
+                if (!best || p.score > best->score) {
+                    best = Match{pos, p.score, span.clip};
+                }
+                break;
+            }
         }
     }
     return best;

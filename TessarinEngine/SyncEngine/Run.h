@@ -179,6 +179,11 @@ void refreshMatchSpans(Run& run);
 std::optional<Match> bestMatch(const std::vector<PoolSpan>& spans,
                                const std::optional<SpectralBands::Feature>& feature, double lo,
                                double hi);
+// The best position within lo...hi of a clip too short for a wide search: its peak is taken in that
+// narrow window but scored against the lags around it, so that its score can be held to a floor
+// measured on unrelated audio. Thread-safe.
+std::optional<Match> shortMatch(const std::vector<PoolSpan>& spans,
+                                const SpectralBands::Feature& feature, double lo, double hi);
 std::vector<ClipRef> orderedFlatClips(const Run& run, std::vector<int> tracks);
 std::string readyNames(const Run& run);
 

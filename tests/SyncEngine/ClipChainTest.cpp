@@ -100,3 +100,45 @@ TEST(ClipChain, TimecodeThatWasNeverJammedFallsBackToTheClockWindow) {
         EXPECT_EQ(out[0].clips[0].tcDisagrees, tcError > 0);
     }
 }
+
+TEST(ClipChain, ShortClipsAreSoughtOnlyNearAProvenClockAndHeldToTheirFloor) {
+    // A camera's 30 s clips at 20 s and 60 s prove its clock; a 3 s clip shot at 120 s has a clock
+    // that says 120.6 s (whole-second clocks). Too short for a wide search, it is sought within
+    // 1.5 s of its proven clock, and kept there only above the floor that unrelated audio of its
+    // length seldom reaches.
+    const auto signal = randomBands(25 * 400, 81);
+    const auto other = randomBands(25 * 400, 82);
+    const auto rec = audioTrack("Rec", {heardClip(signal, "Rec_0", 0, 200, 1, kT0)});
+    struct Case {
+        const char* name;
+        const Sound* heard;
+        // Where the second anchor's clock says it began: 64 s breaks the agreement of the two.
+        double secondClock;
+        const char* pass;
+    };
+    const Case cases[] = {
+        {"heard clearly, clock proven", &signal, 60, "A3"},
+        {"unrelated audio stays on its clock", &other, 60, "clock"},
+        {"anchors that disagree prove no clock", &signal, 64, ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const auto out =
+            runEngine({videoTrack("Cam", {cameraClip(signal, "C0", 20, 30, 20, 2),
+                                          cameraClip(signal, "C1", 60, 30, c.secondClock, 3),
+                                          cameraClip(*c.heard, "C2", 120, 3, 120.6, 4, 0.2f)}),
+                       rec});
+        const auto& clip = out[0].clips[2];
+        if (*c.pass == '\0') {
+            EXPECT_NE(clip.placementPass, "A3");
+            continue;
+        }
+        EXPECT_EQ(clip.placementPass, c.pass);
+        EXPECT_NEAR(clip.startOffset, *c.pass == 'A' ? 120.0 : 120.6, 0.05);
+        if (*c.pass == 'A') {
+            ASSERT_TRUE(clip.matchScore.has_value());
+            EXPECT_EQ(clip.syncStatus,
+                      *clip.matchScore >= 7.0f ? SyncStatus::synced : SyncStatus::weak);
+        }
+    }
+}

@@ -1097,7 +1097,14 @@ def shoot_mixed(r):
         a += g
         action.append((a, d))
         a += d
-    zoom_takes = [(s - r.uniform(2, 6), d + r.uniform(4, 10)) for s, d in takes[5:9]]
+    # The second recorder rolls a little before each take and stops a little after it, but never
+    # before its previous file has ended: one recorder writes one file at a time.
+    zoom_takes, last = [], -1e9
+    for s, d in takes[5:9]:
+        a = max(s - r.uniform(2, 6), last + 1.0)
+        b = s + d + r.uniform(2, 4)
+        zoom_takes.append((a, b - a))
+        last = b
     tc_a, tc_b = clock_error(r, 30, 90), clock_error(r, 30, 90)
     while abs(tc_b - tc_a) < 20:
         tc_b = clock_error(r, 30, 90)
