@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <map>
 
 namespace SyncEngine {
@@ -119,6 +120,43 @@ void moveWithDependents(Run& run, ClipRef moved, double delta,
     }
 }
 
+// After the reference clip `ci` moved, the clips of the reference it now overlaps are pushed clear
+// of it, each with every clip placed against it: one recorder writes one file at a time, and a
+// neighbour joined to the moved clip by their clocks shares the error the move corrected.
+void pushNeighbours(Run& run, int ci, double delta,
+                    const std::multimap<ClipRef, ClipRef>& dependents) {
+    const Region& region = run.region;
+    auto& clips = run.sources[region.refTrack].clips;
+    std::vector<int> order(region.refClips.begin(), region.refClips.end());
+    std::stable_sort(order.begin(), order.end(),
+                     [&](int a, int b) { return clips[a].startOffset < clips[b].startOffset; });
+    const auto at = std::find(order.begin(), order.end(), ci);
+    if (at == order.end()) {
+        return;
+    }
+    if (delta > 0) {
+        double end = clips[ci].startOffset + clips[ci].duration;
+        for (auto it = at + 1; it != order.end(); ++it) {
+            const double overlap = end - clips[*it].startOffset;
+            if (overlap <= kSmallestMove) {
+                break;
+            }
+            moveWithDependents(run, ClipRef{region.refTrack, *it}, overlap, dependents);
+            end = clips[*it].startOffset + clips[*it].duration;
+        }
+    } else {
+        double start = clips[ci].startOffset;
+        for (auto it = std::make_reverse_iterator(at); it != order.rend(); ++it) {
+            const double overlap = clips[*it].startOffset + clips[*it].duration - start;
+            if (overlap <= kSmallestMove) {
+                break;
+            }
+            moveWithDependents(run, ClipRef{region.refTrack, *it}, -overlap, dependents);
+            start = clips[*it].startOffset;
+        }
+    }
+}
+
 } // namespace
 
 void checkReferenceByAudio(Run& run) {
@@ -147,6 +185,7 @@ void checkReferenceByAudio(Run& run) {
             }
         }
         moveWithDependents(run, ClipRef{region.refTrack, ci}, delta, dependents);
+        pushNeighbours(run, ci, delta, dependents);
         logDetail(format("ref '%s' clip '%s' moved %+.2fs: %d votes of clips placed against the "
                          "other reference clips agree (score=%.1f) — its own clock was never "
                          "audio-verified",

@@ -43,3 +43,24 @@ TEST(ReferenceByAudio, TakesThatNoOtherDeviceLinksStayWhereTheClockLaidThem) {
     EXPECT_NEAR(out[0].clips[1].startOffset - out[1].clips[1].startOffset, 120 - 101.6, 0.041);
     EXPECT_TRUE(linesWith(log, "[SyncEngine]  ref 'Rec' clip '").empty());
 }
+
+TEST(ReferenceByAudio, AMovedTakePushesTheTakeJoinedAfterItWithWhatWasPlacedAgainstIt) {
+    // Three takes with 1 s pauses that whole-second clocks close: T2 is laid 1 s early, T3 2 s.
+    // A camera rolled across T1 and T2, placed against T1, moves T2 where it hears it; T2 then
+    // overlaps T3, which is pushed clear with the camera clip placed against it, so that clip still
+    // lies where it hears T3.
+    constexpr Date t0 = 1.7e9;
+    const auto signal = randomBands(25 * 500, 93);
+    const auto rec = audioTrack("Rec", {heardClip(signal, "T1", 0, 100, 1, t0),
+                                        heardClip(signal, "T2", 101, 100, 2, t0 + 100),
+                                        heardClip(signal, "T3", 202, 100, 3, t0 + 201)});
+    const auto cam = videoTrack(
+        "Cam", {heardClip(signal, "C1", 30, 100, 4), heardClip(signal, "C2", 210, 80, 5)});
+    TestSupport::LogCapture log;
+    const auto out = runEngine({cam, rec});
+    const auto& takes = out[1].clips;
+    const auto& cams = out[0].clips;
+    EXPECT_NEAR(takes[1].startOffset - cams[0].startOffset, 101 - 30, 0.041);
+    EXPECT_NEAR(takes[2].startOffset - cams[1].startOffset, 202 - 210, 0.041);
+    EXPECT_GE(takes[2].startOffset, takes[1].startOffset + takes[1].duration - 1e-6);
+}
