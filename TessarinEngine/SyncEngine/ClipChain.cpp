@@ -217,6 +217,7 @@ Window ChainState::bounds(int i) const {
 bool ChainState::acceptFill(Run& run, int i, Match m, double lo, double hi,
                             const std::string& kind) {
     const auto note = weakPartnerNote(run, m);
+    const float measured = m.score;
     m.score = evidenceScore(run, m);
     const double p = std::max(lo, std::min(m.pos, hi));
     if (clockOverrules(i, m.score, p)) {
@@ -232,7 +233,7 @@ bool ChainState::acceptFill(Run& run, int i, Match m, double lo, double hi,
         strong.insert(i);
     }
     auto& clip = run.clip(refs[i]);
-    run.placementLog[clip.id] = PlacementRecord{m.pos, m.score, kind, m.partner};
+    run.placementLog[clip.id] = PlacementRecord{m.pos, m.score, kind, m.partner, measured};
     clip.startOffset = p;
     clip.syncStatus = statusForScore(m.score);
     clip.matchScore = m.score;
@@ -291,6 +292,7 @@ void ChainState::setClip(Run& run, int i, double pos, Placement how) {
 
 void ChainState::placeAnchor(Run& run, int i, Match m, const std::string& kind) {
     const auto note = weakPartnerNote(run, m);
+    const float measured = m.score;
     m.score = evidenceScore(run, m);
     posOf[i] = m.pos;
     auto& clip = run.clip(refs[i]);

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 #include <iterator>
+#include <map>
+#include <tuple>
 
 namespace SyncEngine {
 
@@ -13,15 +15,15 @@ namespace {
 constexpr double kClockSearch = 5.0;
 // Rounds of the refill: a clip placed in one round may be the witness of another in the next. A
 // round that places sure matches leaves the less sure ones to the next.
-constexpr int kRounds = 6;
+constexpr int kRounds = 12;
 // Against clips laid by their clocks, a clip whose own clock is not proven is sought in its whole
 // bracket only from this length on: unrelated audio of a shorter clip scores 7.0 by chance in a
 // wide search, of a longer one hardly ever.
 constexpr double kUnbracketedLeast = 20.0;
-// Where a clip's own clock is not proven, a match found in its whole bracket is taken first only
-// when it is this sure: a clip placed by a sure match may prove its neighbours' clock, and a
-// neighbour then sought near its proven clock cannot take a chance peak far from it.
-constexpr float kSureScore = 10.0f;
+// Where a clip's own clock is not proven, the matches found in whole brackets are taken surest
+// first, a round at a time: a clip placed by a sure match may prove its neighbours' clock, or be
+// the true partner of a clip whose best match so far is a likeness in another take of the scene.
+constexpr float kRefillLadder[] = {10.0f, 8.5f, kStrongScore};
 
 // Clips too short to stand out in a wide search are sought only this far either side of their
 // proven clock, or in a closed bracket no wider than twice this.
@@ -55,6 +57,15 @@ float shortFloor(double seconds) {
         }
     }
     return kFloors[std::size(kFloors) - 1].floor;
+}
+
+// What the match that placed the clip scored before it was held to its partner's placement.
+float measuredScore(const Run& run, const ClipItem& clip) {
+    const auto entry = run.placementLog.find(clip.id);
+    if (entry == run.placementLog.end()) {
+        return clip.matchScore.value_or(0.0f);
+    }
+    return entry->second.measured.value_or(entry->second.score);
 }
 
 bool placedByEvidence(const ClipItem& clip) {
@@ -108,9 +119,13 @@ bool refillable(const Run& run, int si) {
 
 // Tries again, against what the whole region placed, the clips of one track that the passes laid
 // by clock or between neighbours, or matched only weakly. Against clips that were themselves laid
-// by clock (`clockLaid`) only a clip whose own clock is proven is sought, close to it. With `sure`,
-// a match away from a proven clock must reach `kSureScore`. Returns how many found their place.
-int refillTrack(Run& run, int si, bool clockLaid, bool sure) {
+// by clock (`clockLaid`) only a clip whose own clock is proven is sought, close to it. A match away
+// from a proven clock must reach `least`. Returns how many found their place.
+// The searches of one step of the refill, kept until a clip is placed: the surest-first ladder asks
+// the same questions again at each lower level.
+using SearchMemo = std::map<std::tuple<ClipRef, bool, double, double>, std::optional<Match>>;
+
+int refillTrack(Run& run, int si, bool clockLaid, float least, SearchMemo& memo) {
     std::vector<ClipRef> refs;
     for (int ci : regionClipsOf(run, si)) {
         refs.push_back(ClipRef{si, ci});
@@ -151,12 +166,22 @@ int refillTrack(Run& run, int si, bool clockLaid, bool sure) {
         if (!(w.lo < w.hi)) {
             continue;
         }
-        const auto m = bestMatch(pool, chain.clips[i].bandFeature, w.lo, w.hi);
-        // A weak match found again where it lies has nothing new to say.
-        const bool same = weaklyMatched(clip) && m && std::abs(m->pos - clip.startOffset) < 0.02 &&
-                          evidenceScore(run, *m) < kStrongScore;
-        const float least = sure && !clock ? kSureScore : kStrongScore;
-        if (m && !same && m->score >= least && chain.acceptFill(run, i, *m, w.lo, w.hi, "A3")) {
+        const auto key = std::make_tuple(refs[i], clockLaid, w.lo, w.hi);
+        auto known = memo.find(key);
+        if (known == memo.end()) {
+            known =
+                memo.emplace(key, bestMatch(pool, chain.clips[i].bandFeature, w.lo, w.hi)).first;
+        }
+        const auto m = known->second;
+        // A weak match found again where it lies has nothing new to say, and a clip matched weakly
+        // moves far only to a place its audio matches better than where it lies.
+        const bool same = weaklyMatched(clip) && m &&
+                          ((std::abs(m->pos - clip.startOffset) < 0.02 &&
+                            evidenceScore(run, *m) < kStrongScore) ||
+                           (std::abs(m->pos - clip.startOffset) > kClockSearch &&
+                            m->score <= measuredScore(run, clip)));
+        if (m && !same && m->score >= (clock ? kStrongScore : least) &&
+            chain.acceptFill(run, i, *m, w.lo, w.hi, "A3")) {
             logDetail(format("'%s' found on a second look @ %.1fs score=%.1f",
                              clipName(clip).c_str(), chain.posOf.at(i), m->score));
             ++found;
@@ -229,23 +254,29 @@ void refillUnmatched(Run& run) {
     std::vector<int> tracks = run.region.tracks;
     std::stable_partition(tracks.begin(), tracks.end(),
                           [&](int si) { return run.sources[si].type == SourceType::audio; });
-    for (bool clockLaid : {false, true}) {
-        for (int round = 0; round < kRounds; ++round) {
-            int found = 0;
-            for (bool sure : {true, false}) {
+    // Each step takes the surest matches that any pool offers: against what was placed with
+    // evidence first, then against clips laid by their proven clocks.
+    for (int round = 0; round < kRounds; ++round) {
+        SearchMemo memo;
+        int found = 0;
+        for (float least : kRefillLadder) {
+            for (bool clockLaid : {false, true}) {
                 for (int si : tracks) {
                     if (refillable(run, si)) {
-                        found += refillTrack(run, si, clockLaid, sure);
+                        found += refillTrack(run, si, clockLaid, least, memo);
                     }
                 }
-                followLeads(run);
                 if (found > 0) {
                     break;
                 }
             }
-            if (found == 0) {
+            if (found > 0) {
                 break;
             }
+        }
+        followLeads(run);
+        if (found == 0) {
+            break;
         }
     }
     int shortFound = 0;

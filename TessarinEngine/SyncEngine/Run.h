@@ -67,6 +67,8 @@ struct PlacementRecord {
     float score = 0;
     std::string kind;
     std::optional<ClipRef> partner;
+    // What the match itself scored, where `score` counts less for a partner only weakly placed.
+    std::optional<float> measured;
 };
 
 // A lower and upper bound on a clip's start.
