@@ -86,8 +86,8 @@ bool weaklyMatched(const ClipItem& clip) {
 }
 
 // Every clip of the region that was placed with evidence, but for the clips of `own`; with
-// `clockLaid`, the clips laid by their clocks too.
-std::vector<PoolSpan> refillPool(const Run& run, int own, bool clockLaid) {
+// `clockLaid`, the clips laid by their clocks too, and with `weak` those matched only weakly.
+std::vector<PoolSpan> refillPool(const Run& run, int own, bool clockLaid, bool weak = false) {
     std::vector<PoolSpan> pool;
     for (const auto& r : run.region.clips) {
         const auto& clip = run.clip(r);
@@ -95,7 +95,9 @@ std::vector<PoolSpan> refillPool(const Run& run, int own, bool clockLaid) {
             clip.audioUsability != AudioUsability::ok) {
             continue;
         }
-        if (placedByEvidence(clip) || (clockLaid && clip.placementPass == "clock")) {
+        if (placedByEvidence(clip) || (clockLaid && clip.placementPass == "clock") ||
+            (weak && (weaklyMatched(clip) ||
+                      (clip.placementPass == "chapter" && clip.syncStatus == SyncStatus::weak)))) {
             pool.push_back(spanOf(run, r));
         }
     }
@@ -144,8 +146,11 @@ int refillTrack(Run& run, int si, bool clockLaid, float least, SearchMemo& memo)
         }
     }
     const auto pool = refillPool(run, si, clockLaid);
+    // A clip sought close to its proven clock may also meet clips matched only weakly: what it
+    // finds there counts no more than they do, and it joins them where their audio agrees.
+    const auto nearPool = refillPool(run, si, clockLaid, clockLaid);
     chain.checkSpans = &pool;
-    if (pool.empty()) {
+    if (nearPool.empty()) {
         return 0;
     }
     int found = 0;
@@ -169,8 +174,9 @@ int refillTrack(Run& run, int si, bool clockLaid, float least, SearchMemo& memo)
         const auto key = std::make_tuple(refs[i], clockLaid, w.lo, w.hi);
         auto known = memo.find(key);
         if (known == memo.end()) {
-            known =
-                memo.emplace(key, bestMatch(pool, chain.clips[i].bandFeature, w.lo, w.hi)).first;
+            known = memo.emplace(key, bestMatch(clock ? nearPool : pool, chain.clips[i].bandFeature,
+                                                w.lo, w.hi))
+                        .first;
         }
         const auto m = known->second;
         // A weak match found again where it lies has nothing new to say, and a clip matched weakly
@@ -188,6 +194,63 @@ int refillTrack(Run& run, int si, bool clockLaid, float least, SearchMemo& memo)
         }
     }
     return found;
+}
+
+// The chapters of one recording ran back to back: where the passes matched them one by one, each
+// against a clip laid only by its clock, they can disagree by that clock's rounding. The chapter
+// whose own match scored best leads, and the others are laid against it.
+void reflowChapters(Run& run, int si) {
+    auto& clips = run.sources[si].clips;
+    std::map<std::string, std::map<int, int>> recordings;
+    for (int ci : regionClipsOf(run, si)) {
+        if (clips[ci].recordingKey) {
+            recordings[*clips[ci].recordingKey].emplace(clips[ci].chapterIndex, ci);
+        }
+    }
+    for (const auto& [key, chapters] : recordings) {
+        std::optional<int> lead;
+        for (const auto& [index, ci] : chapters) {
+            const auto& clip = clips[ci];
+            if (clip.matchScore && clip.placementPass != "chapter" && !laidWithoutAudio(clip) &&
+                (clip.syncStatus == SyncStatus::synced || clip.syncStatus == SyncStatus::weak) &&
+                (!lead || measuredScore(run, clip) > measuredScore(run, clips[*lead]))) {
+                lead = ci;
+            }
+        }
+        if (!lead || chapters.size() < 2) {
+            continue;
+        }
+        const auto& head = clips[*lead];
+        const auto leadLog = run.placementLog.find(head.id);
+        for (const auto& [index, ci] : chapters) {
+            auto& clip = clips[ci];
+            if (ci == *lead) {
+                continue;
+            }
+            double between = 0;
+            for (const auto& [other, k] : chapters) {
+                if (other >= std::min(index, head.chapterIndex) &&
+                    other < std::max(index, head.chapterIndex)) {
+                    between += clips[k].duration;
+                }
+            }
+            const double pos =
+                index > head.chapterIndex ? head.startOffset + between : head.startOffset - between;
+            if (std::abs(pos - clip.startOffset) < 1e-3 && clip.placementPass == "chapter") {
+                continue;
+            }
+            const float score = leadLog != run.placementLog.end() ? leadLog->second.score
+                                                                  : head.matchScore.value_or(0);
+            run.placementLog[clip.id] =
+                PlacementRecord{pos, score, "chapter", ClipRef{si, *lead}, std::nullopt};
+            clip.startOffset = pos;
+            clip.syncStatus = head.syncStatus;
+            clip.matchScore.reset();
+            clip.placementPass = "chapter";
+            clip.placementNote.reset();
+            reportPlace(run, clip);
+        }
+    }
 }
 
 // Seeks the clips of one track too short to stand out in a wide search, each only where its proven
@@ -273,6 +336,9 @@ void refillUnmatched(Run& run) {
             if (found > 0) {
                 break;
             }
+        }
+        for (int si : tracks) {
+            reflowChapters(run, si);
         }
         followLeads(run);
         if (found == 0) {
