@@ -251,11 +251,31 @@ std::optional<Date> readAssetCreationDate(Clip& clip) {
     return std::nullopt;
 }
 
+// A recorder writes its origination time in whole seconds and the same clock to the sample as the
+// time reference. Where the reference names the same second of the day, its fraction is the part
+// of the second the origination time leaves out; a reference that names another second is a
+// timecode of its own (jammed elsewhere) and says nothing about this clock.
+Date withTimeReferenceFraction(Date origination, std::optional<double> timeReference) {
+    constexpr double kDay = 86400.0;
+    if (!timeReference || !std::isfinite(*timeReference) || *timeReference < 0 ||
+        !std::isfinite(origination)) {
+        return origination;
+    }
+    const double whole = std::floor(*timeReference);
+    const double secondOfDay = std::fmod(std::floor(origination), kDay);
+    if (std::fmod(whole, kDay) != (secondOfDay < 0 ? secondOfDay + kDay : secondOfDay) ||
+        origination != std::floor(origination)) {
+        return origination;
+    }
+    return origination + (*timeReference - whole);
+}
+
 // Only a Sony XML date keeps the zone it was written in; the other sources give none.
 RecordingClock recordingClock(Clip& clip) {
     if (isOneOf(clip.ext(), {"wav", "wave"})) {
         if (auto date = readBWFOriginationDate(clip.bytes())) {
-            return {date, ClockQuality::embedded, std::nullopt};
+            return {withTimeReferenceFraction(*date, readBWFTimecode(clip.bytes())),
+                    ClockQuality::embedded, std::nullopt};
         }
     }
     if (isMovieExtension(clip.ext())) {

@@ -271,6 +271,9 @@ protected:
         const auto bwf = rw::wave({rw::fmt(1, 48000, 16), rw::bext(recorderBext(480000))});
         write("ZOOM_20230115_080000.wav", bwf);
         write("bwf.mov", bwf);
+        // The time reference a quarter second into the origination's second: 14:25:30.25.
+        write("TREF0001.WAV",
+              rw::wave({rw::fmt(1, 48000, 16), rw::bext(recorderBext(51930ull * 48000 + 12000))}));
         write("exact_20230115_080000.wav", rw::wave({rw::bext(recorderBext(), 338)}));
         write("short_20230115_080000.wav", rw::wave({rw::bext(recorderBext(), 337)}));
         write("float6.wav",
@@ -387,7 +390,10 @@ TEST_F(MediaMetadataFiles, EachFieldTakesItsBestSourceFirst) {
         // Same encoder settings, other pictures: one camera.
         {"A001_20230701_142530.mp4", fingerprint, kJulyFirstBerlin, filename, std::nullopt},
         {"prores.mov", std::nullopt, now, filesystem, std::nullopt},
+        // A time reference in another second is a timecode of its own; one in the same second
+        // gives the clock its fraction.
         {"ZOOM_20230115_080000.wav", "F8n Recorder", kJulyFirstUtc, embedded, 10.0},
+        {"TREF0001.WAV", "F8n Recorder", kJulyFirstUtc + 0.25, embedded, 51930.25},
         // The origination time ends at byte 338 of the bext chunk.
         {"exact_20230115_080000.wav", "F8n Recorder", kJulyFirstUtc, embedded, std::nullopt},
         // One byte short of the time: the name's date, in winter time (08:00 at UTC+1).

@@ -178,7 +178,8 @@ void ChainState::placeChapters(Run& run) {
         posOf[i] = pos;
         const auto it = run.placementLog.find(clips[*lead].id);
         const float score = it != run.placementLog.end() ? it->second.score : kStrongScore;
-        run.placementLog[clips[i].id] = PlacementRecord{pos, score, "chapter", refs[*lead]};
+        run.placementLog[clips[i].id] =
+            PlacementRecord{pos, score, "chapter", refs[*lead], std::nullopt};
         setClip(run, i, pos, Placement::matched);
     }
 }
@@ -196,7 +197,8 @@ void ChainState::placeByProvenClocks(Run& run) {
         placed.insert(i);
         clockLaid.insert(i);
         posOf[i] = pos;
-        run.placementLog[clips[i].id] = PlacementRecord{pos, 0.0f, "clock", std::nullopt};
+        run.placementLog[clips[i].id] =
+            PlacementRecord{pos, 0.0f, "clock", std::nullopt, std::nullopt};
     }
 }
 
@@ -283,7 +285,7 @@ void ChainState::setClip(Run& run, int i, double pos, Placement how) {
     clip.startOffset = pos;
     if (how != Placement::matched) {
         run.placementLog[clip.id] =
-            PlacementRecord{std::nullopt, 0.0f, *clip.placementPass, std::nullopt};
+            PlacementRecord{std::nullopt, 0.0f, *clip.placementPass, std::nullopt, std::nullopt};
     } else {
         checkTimecode(clip, pos, *checkSpans);
     }
@@ -299,7 +301,7 @@ void ChainState::placeAnchor(Run& run, int i, Match m, const std::string& kind) 
     if (note) {
         clip.placementNote = note;
     }
-    run.placementLog[clip.id] = PlacementRecord{m.pos, m.score, kind, m.partner};
+    run.placementLog[clip.id] = PlacementRecord{m.pos, m.score, kind, m.partner, measured};
     clip.startOffset = m.pos;
     clip.syncStatus = statusForScore(m.score);
     clip.matchScore = m.score;
@@ -379,7 +381,7 @@ bool runPass1(Run& run, ChainState& chain, const std::vector<Pass1Job>& jobs,
             if (match && match->score >= kStrongScore) {
                 chain.hits[job.index] = *match;
                 run.placementLog[chain.clips[job.index].id] =
-                    PlacementRecord{match->pos, match->score, "p1", match->partner};
+                    PlacementRecord{match->pos, match->score, "p1", match->partner, std::nullopt};
             }
             return true;
         });

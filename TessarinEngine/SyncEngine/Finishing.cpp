@@ -88,8 +88,8 @@ void mirrorChannel(Run& run, int si, int lead) {
             if (lp.pass) {
                 *clip.placementNote += " (" + *lp.pass + ")";
             }
-            run.placementLog[clip.id] =
-                PlacementRecord{lp.off, lp.score.value_or(0.0f), "sibling-ch", lp.clip};
+            run.placementLog[clip.id] = PlacementRecord{lp.off, lp.score.value_or(0.0f),
+                                                        "sibling-ch", lp.clip, std::nullopt};
             ++mirrored;
             cursor = lp.off + clip.duration;
         } else {
@@ -98,7 +98,8 @@ void mirrorChannel(Run& run, int si, int lead) {
             clip.matchScore.reset();
             clip.placementPass = "interp";
             clip.placementNote = "no matching take on '" + leadName + "'";
-            run.placementLog[clip.id] = PlacementRecord{std::nullopt, 0.0f, "interp", std::nullopt};
+            run.placementLog[clip.id] =
+                PlacementRecord{std::nullopt, 0.0f, "interp", std::nullopt, std::nullopt};
             cursor += clip.duration;
         }
         reportPlace(run, clip);

@@ -183,7 +183,8 @@ void placeBackupLinked(Run& run, int si, double offset) {
         clip.matchScore.reset();
         clip.placementPass = "linked";
         reportPlace(run, clip);
-        run.placementLog[clip.id] = PlacementRecord{cursor, 0.0f, "linked", std::nullopt};
+        run.placementLog[clip.id] =
+            PlacementRecord{cursor, 0.0f, "linked", std::nullopt, std::nullopt};
         cursor += clip.duration;
         advanceProgress(run, clipName(clip));
     }
@@ -208,7 +209,8 @@ void placeUnlinked(Run& run, int si) {
         clip.placementPass = "unlinked";
         clip.placementNote = note;
         reportPlace(run, clip);
-        run.placementLog[clip.id] = PlacementRecord{cursor, 0.0f, "unlinked", std::nullopt};
+        run.placementLog[clip.id] =
+            PlacementRecord{cursor, 0.0f, "unlinked", std::nullopt, std::nullopt};
         cursor += clip.duration;
         advanceProgress(run, clipName(clip));
     }

@@ -1,6 +1,7 @@
 #include "TessarinEngine/SyncEngine/Run.h"
 
 #include <algorithm>
+#include <cmath>
 #include <iterator>
 
 namespace SyncEngine {
@@ -34,6 +35,12 @@ bool clocksOverlap(const std::vector<Date>& a, const std::vector<Date>& b) {
     const auto [minB, maxB] = std::minmax_element(b.begin(), b.end());
     return *minA - kClockOverlapMargin <= *maxB + kClockOverlapMargin &&
            *minB - kClockOverlapMargin <= *maxA + kClockOverlapMargin;
+}
+
+// A date with a fraction of a second comes from a clock read to the sample (a recorder's time
+// reference), not one that counts whole seconds.
+bool readsFractions(const std::optional<Date>& date) {
+    return date && *date != std::floor(*date);
 }
 
 } // namespace
@@ -124,6 +131,7 @@ bool layoutReference(Run& run) {
 
     double cursor = 0;
     double pauses = 0;
+    std::optional<Date> previousDate;
     region.takes = {{}};
     region.matchSpans.clear();
     bool first = true;
@@ -145,6 +153,11 @@ bool layoutReference(Run& run) {
                 if (clockPos > cursor + kButtJoinTolerance) {
                     pos = clockPos;
                     region.takes.emplace_back();
+                } else if (clockPos > cursor && readsFractions(clip.recordingDate) &&
+                           readsFractions(previousDate)) {
+                    // A clock that reads the fraction of its second keeps even a short pause:
+                    // the restart is still one take, but it began when the clock says.
+                    pos = clockPos;
                 }
                 pauses += pos - cursor;
             }
@@ -154,7 +167,8 @@ bool layoutReference(Run& run) {
         clip.syncStatus = SyncStatus::synced;
         clip.matchScore.reset();
         clip.placementPass = "ref";
-        run.placementLog[clip.id] = PlacementRecord{std::nullopt, 0.0f, "ref", std::nullopt};
+        run.placementLog[clip.id] =
+            PlacementRecord{std::nullopt, 0.0f, "ref", std::nullopt, std::nullopt};
         reportPlace(run, clip);
         if (clip.duration >= kShortestMatched) {
             region.matchSpans.push_back(spanOf(run, ClipRef{ref, ci}));
@@ -162,6 +176,7 @@ bool layoutReference(Run& run) {
         region.takes.back().push_back(ci);
         advanceProgress(run, clipName(clip));
         cursor = pos + clip.duration;
+        previousDate = clip.recordingDate;
     }
 
     if (!region.hasFullClock) {

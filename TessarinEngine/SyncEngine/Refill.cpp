@@ -198,7 +198,8 @@ int refillTrack(Run& run, int si, bool clockLaid, float least, SearchMemo& memo)
 
 // The chapters of one recording ran back to back: where the passes matched them one by one, each
 // against a clip laid only by its clock, they can disagree by that clock's rounding. The chapter
-// whose own match scored best leads, and the others are laid against it.
+// whose own match scored best leads, and the others that found no strong match of their own are
+// laid against it.
 void reflowChapters(Run& run, int si) {
     auto& clips = run.sources[si].clips;
     std::map<std::string, std::map<int, int>> recordings;
@@ -224,7 +225,9 @@ void reflowChapters(Run& run, int si) {
         const auto leadLog = run.placementLog.find(head.id);
         for (const auto& [index, ci] : chapters) {
             auto& clip = clips[ci];
-            if (ci == *lead) {
+            // A chapter that found a strong match of its own keeps it.
+            if (ci == *lead || (clip.syncStatus == SyncStatus::synced && clip.matchScore &&
+                                clip.placementPass != "chapter")) {
                 continue;
             }
             double between = 0;

@@ -209,7 +209,7 @@ bool cameraCross(Run& run, ChainState& chain) {
         chain.placed.insert(i);
         chain.posOf[i] = p;
         run.placementLog[chain.clips[i].id] =
-            PlacementRecord{p, best->score, "A3cam", best->partner};
+            PlacementRecord{p, best->score, "A3cam", best->partner, std::nullopt};
         chain.setClip(run, i, p, Placement::matched);
         logDetail(format("camera cross '%s' @ %.1fs score=%.1f (matched a sibling camera, no "
                          "external audio nearby)",
@@ -323,7 +323,8 @@ void cameraCluster(Run& run, ChainState& chain) {
             // The cluster hangs together by its longest member.
             const std::optional<ClipRef> partner =
                 k == master ? std::nullopt : std::optional<ClipRef>(chain.refs[U[members[master]]]);
-            run.placementLog[chain.clips[i].id] = PlacementRecord{p, score, "A3cluster", partner};
+            run.placementLog[chain.clips[i].id] =
+                PlacementRecord{p, score, "A3cluster", partner, std::nullopt};
             chain.setClip(run, i, p, Placement::matched);
         }
     }
@@ -378,7 +379,7 @@ void siblingProp(Run& run, ChainState& chain) {
             it != run.placementLog.end()) {
             score = it->second.score;
         }
-        run.placementLog[ci.id] = PlacementRecord{p, score, "sibling", chain.refs[j]};
+        run.placementLog[ci.id] = PlacementRecord{p, score, "sibling", chain.refs[j], std::nullopt};
         chain.setClip(run, i, p, Placement::matched);
         run.clip(chain.refs[i]).placementNote = "alongside '" + nameOf(chain, j) + "'";
         logDetail(format("sibling prop '%s' ← '%s' @ %.1fs", nameOf(chain, i).c_str(),

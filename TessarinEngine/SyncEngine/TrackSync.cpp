@@ -83,7 +83,7 @@ bool seedFromWholePool(Run& run, ChainState& chain, const std::vector<PoolSpan>&
         chain.strong.insert(k);
         chain.posOf[k] = m.pos;
         run.placementLog[chain.clips[k].id] =
-            PlacementRecord{m.pos, evidenceScore(run, m), "A1w", m.partner};
+            PlacementRecord{m.pos, evidenceScore(run, m), "A1w", m.partner, std::nullopt};
         chain.setClip(run, k, m.pos, Placement::matched);
     }
     if (!chosen.empty()) {

@@ -121,12 +121,15 @@ def write_wav(path, x, rate):
         w.writeframes(pcm16(x))
 
 
-def write_bwf(path, x, rate, when, device):
+def write_bwf(path, x, rate, when, device, whole_seconds=False):
     """A Broadcast WAV with a bext chunk: origination date and time as the recorder's clock
-    shows them (whole seconds), and the time reference in samples since midnight."""
+    shows them (whole seconds), and the time reference in samples since midnight (only to the
+    whole second too, for a recorder whose files know no more)."""
     data = pcm16(x)
     midnight = when.replace(hour=0, minute=0, second=0, microsecond=0)
     ref = int((when - midnight).total_seconds() * rate)
+    if whole_seconds:
+        ref -= ref % rate
     bext = struct.pack(
         "<256s32s32s10s8sII H64s5H180s",
         b"scene",
@@ -174,9 +177,9 @@ def camera(folder, make, model, clock, clips, hears=None):
             "clips": clips, "hears": hears or {"scene": 1.0}}
 
 
-def recorder(folder, name, clock, clips, hears=None):
+def recorder(folder, name, clock, clips, hears=None, whole_seconds=False):
     return {"folder": folder, "kind": "recorder", "ident": name, "clock": clock, "clips": clips,
-            "hears": hears or {"scene": 1.0}}
+            "hears": hears or {"scene": 1.0}, "whole_seconds": whole_seconds}
 
 
 # Reference takes for the long-backup shoots: the recorder's clock is right, but its files only
@@ -251,7 +254,7 @@ SCENARIOS = {
         "devices": [
             backup_camera(),
             recorder("Backup", "TASCAM DR-10L", FIVE_HOURS, [("B001", 20.0, 2100.0)]),
-            recorder("Sound", "ZOOM F6", 0.0, backup_reference_takes(0.6)),
+            recorder("Sound", "ZOOM F6", 0.0, backup_reference_takes(0.6), whole_seconds=True),
         ],
     },
     # The same backup, but it was left running in another room: nothing in it is in the takes.
@@ -1245,7 +1248,8 @@ def make_fixed(out, scenario, seed):
                                   spec.get("video", "160x90"), os.path.join(out, ".tmp-" + name))
             else:
                 path = os.path.join(d, name + ".WAV")
-                write_bwf(path, recorder_audio(x, rng), rate, when, device["ident"])
+                write_bwf(path, recorder_audio(x, rng), rate, when, device["ident"],
+                          device.get("whole_seconds", False))
             items.append({"path": path, "dropHint": d})
             truth.append({"path": path, "device": device["folder"], "kind": device["kind"],
                           "start": start, "duration": dur, "clockError": device["clock"],
