@@ -18,9 +18,7 @@ for, and scores every clip:
   after it in true time, that had partners: right when within 1.5 s of where either of them puts
   it (device clocks know whole seconds); its measure is the smaller of the two errors. A clip with
   neither is not counted.
-- A clip is false synced when its status is "synced" and its measure is above 0.1 s against
-  partners, or above 1.5 s against its own device's neighbours: a clip that overlaps no other
-  device cannot be wrong against what an editor cuts it with, only against its own clock.
+- A clip is false synced when its status is "synced" and its measure is above 0.1 s.
 
 Prints one line per scenario, then `accuracy_40ms=<pct> false_synced=<n> clips=<n>` last. Writes
 every clip's details to BUILD/accuracy-last.json.
@@ -181,8 +179,7 @@ def score(truth, results):
         if item["basis"] != "none":
             item.update(measure=rec["measure"], right=rec["right"],
                         falseSynced=item["syncStatus"] == "synced"
-                        and rec["measure"] > (FALSE_SYNC if rec["basis"] == "partners"
-                                              else CLOCK),
+                        and rec["measure"] > FALSE_SYNC,
                         against=[{"path": p, "error": e} for p, e in rec["errors"]])
         out.append(item)
     return out

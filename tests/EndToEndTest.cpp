@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <regex>
 #include <set>
+#include <tuple>
 
 using nlohmann::json;
 
@@ -243,3 +244,98 @@ TEST(EndToEnd, LongTakeWithOnlyBrollNearbyIsFoundThroughIt) {
     const auto partnered = expectTrueRelativePositions(o);
     EXPECT_TRUE(partnered.contains("C0001.MOV"));
 }
+
+namespace {
+
+// A clip of a generated shoot of one of the structures real cards come in, with where the program
+// put it.
+struct Placed {
+    std::string device;
+    double trueStart = 0;
+    double duration = 0;
+    std::vector<Heard> heard;
+    double start = 0;
+    std::string status;
+};
+
+double lowerMedian(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    return values[(values.size() - 1) / 2];
+}
+
+} // namespace
+
+class EndToEndStructures : public testing::TestWithParam<const char*> {};
+
+// Each structure as an editor meets it: every clip is measured against the recordings of other
+// devices that heard at least 5 s (or 0.8 of the shorter clip) of a scene with it, the channel
+// files of one recording counted once. Nothing more than 0.1 s off is marked synced, and nearly
+// every clip lies within a frame of its partners (the rest are clips too short or too windy for
+// their audio to tell, laid by their clocks).
+TEST_P(EndToEndStructures, ClipsLieWithinAFrameOfWhatTheyOverlapAndNothingWrongIsSynced) {
+    TestSupport::TempDir dir;
+    const std::string scenario = GetParam();
+    const auto gen = TestSupport::makeShoot(dir / "shoot", scenario, 1);
+    ASSERT_EQ(gen.exitCode, 0) << gen.err;
+    const auto truth = json::parse(std::ifstream(dir / "shoot" / "truth.json"));
+    const auto run = TestSupport::runEngine(
+        dir / "shoot" / "request.json",
+        {"XDG_CACHE_HOME=" + (dir / "cache").string(), "TZ=" + truth.value("tz", "UTC")});
+    ASSERT_EQ(run.exitCode, 0) << run.log;
+    EXPECT_TRUE(run.ofType("error").empty());
+
+    std::map<std::string, Placed> clips;
+    for (const auto& c : truth["clips"]) {
+        Placed p{c["device"], c["start"], c["duration"], {}, 0, "missing"};
+        for (const auto& h : c["heard"]) {
+            p.heard.push_back({h["source"], h["from"], h["to"]});
+        }
+        clips[c["path"]] = p;
+    }
+    for (const auto& e : run.ofType("result")) {
+        auto& p = clips.at(e["path"]);
+        p.start = e["startOffset"];
+        p.status = e["syncStatus"];
+    }
+    int scored = 0;
+    int right = 0;
+    for (const auto& [path, c] : clips) {
+        // By recording: device, true start and length.
+        std::map<std::tuple<std::string, double, double>, std::vector<double>> partners;
+        for (const auto& [otherPath, o] : clips) {
+            const TruthClip a{c.device, c.trueStart, c.duration, c.heard};
+            const TruthClip b{o.device, o.trueStart, o.duration, o.heard};
+            if (o.device == c.device ||
+                sharedSeconds(a, b) < std::min(5.0, 0.8 * std::min(c.duration, o.duration))) {
+                continue;
+            }
+            partners[{o.device, o.trueStart, o.duration}].push_back(
+                std::abs((c.start - o.start) - (c.trueStart - o.trueStart)));
+        }
+        if (partners.empty() || c.status == "missing") {
+            continue;
+        }
+        std::vector<double> byRecording;
+        for (const auto& [key, errors] : partners) {
+            byRecording.push_back(lowerMedian(errors));
+        }
+        const double measure = lowerMedian(byRecording);
+        ++scored;
+        right += measure <= kFrame;
+        EXPECT_FALSE(c.status == "synced" && measure > 0.1)
+            << path << " is synced " << measure << " s off\n"
+            << run.log;
+    }
+    ASSERT_GT(scored, 0);
+    EXPECT_GE(100.0 * right / scored, 90.0) << right << " of " << scored << "\n" << run.log;
+}
+
+INSTANTIATE_TEST_SUITE_P(Shoots, EndToEndStructures,
+                         testing::Values("channels-2", "channels-4", "timecode", "chapters",
+                                         "short-clips", "ref-takes", "lone-clip", "timezone",
+                                         "mixed"),
+                         [](const testing::TestParamInfo<const char*>& shoot) {
+                             std::string name = shoot.param;
+                             std::replace(name.begin(), name.end(), '-', '_');
+                             return name;
+                         });

@@ -48,7 +48,8 @@ struct ChainRig {
         if (strong) {
             chain.strong.insert(i);
         }
-        run.placementLog[chain.clips[i].id] = PlacementRecord{pos, score, "A1", std::nullopt};
+        run.placementLog[chain.clips[i].id] =
+            PlacementRecord{pos, score, "A1", std::nullopt, std::nullopt};
         run.clip(chain.refs[i]).startOffset = pos;
     }
     const ClipItem& clip(int i) const { return run.clip(chain.refs[i]); }

@@ -196,9 +196,15 @@ void writeText(const std::filesystem::path& file, const std::string& text) {
     out << text;
 }
 
-ProcessResult makeShoot(const std::filesystem::path& dir, const std::string& scenario) {
-    return runProcess({"/usr/bin/python3", std::string(TESSARIN_TESTS_DIR) + "/shoot/make_shoot.py",
-                       dir.string(), "--scenario", scenario});
+ProcessResult makeShoot(const std::filesystem::path& dir, const std::string& scenario,
+                        std::optional<int> seed) {
+    std::vector<std::string> args{"/usr/bin/python3",
+                                  std::string(TESSARIN_TESTS_DIR) + "/shoot/make_shoot.py",
+                                  dir.string(), "--scenario", scenario};
+    if (seed) {
+        args.insert(args.end(), {"--seed", std::to_string(*seed)});
+    }
+    return runProcess(args);
 }
 
 std::vector<nlohmann::json> EngineRun::ofType(const std::string& type) const {

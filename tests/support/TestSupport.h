@@ -84,7 +84,8 @@ private:
 
 // Runs the project's shoot generator for `scenario` into `dir`: media in one folder per device,
 // request.json and truth.json.
-ProcessResult makeShoot(const std::filesystem::path& dir, const std::string& scenario);
+ProcessResult makeShoot(const std::filesystem::path& dir, const std::string& scenario,
+                        std::optional<int> seed = std::nullopt);
 
 // One run of the program on a request file: its exit code, its events in order and its log.
 struct EngineRun {
