@@ -26,16 +26,17 @@ constexpr double kUnbracketedLeast = 20.0;
 constexpr float kRefillLadder[] = {10.0f, 8.5f, kStrongScore};
 
 // Clips too short to stand out in a wide search are sought only this far either side of their
-// proven clock, or in a closed bracket no wider than twice this.
-constexpr double kShortSearch = 1.5;
+// proven clock, or in a closed bracket no wider than twice this. Clocks that count whole seconds
+// put a clip less than a second from where their witnesses' shift says.
+constexpr double kShortSearch = 1.0;
 // Shorter clips hold too little audio to be told apart from a chance likeness at all.
 constexpr double kShortestSought = 1.5;
 // Up to this length a true match in a window of some seconds mostly scores under 7.0, so a clip
 // the wide searches left unmatched is sought narrowly, against a floor of its own.
 constexpr double kNarrowBelow = 8.0;
 
-// The score a short clip's match must reach in a narrow search, by the clip's length: unrelated
-// audio passes it in under 1 % of searches of that width. Measured by bench_shortfloor on the
+// The score a short clip's match must reach in a search 2 s wide, by the clip's length: unrelated
+// audio passes it in under 1 % of such searches. Measured by bench_shortfloor on the
 // generated shoots' cameras against recorders of other seeds, the highest of two sets, rounded up;
 // between the measured lengths the floor runs straight.
 float shortFloor(double seconds) {
@@ -43,8 +44,8 @@ float shortFloor(double seconds) {
         double seconds;
         float floor;
     };
-    static constexpr Point kFloors[] = {{1.5, 6.6f}, {2.0, 6.2f}, {3.0, 5.8f},
-                                        {4.0, 5.4f}, {5.0, 5.0f}, {8.0, 4.6f}};
+    static constexpr Point kFloors[] = {{1.5, 6.0f}, {2.0, 5.8f}, {3.0, 5.2f},
+                                        {4.0, 4.9f}, {5.0, 4.9f}, {8.0, 4.6f}};
     if (seconds <= kFloors[0].seconds) {
         return kFloors[0].floor;
     }
