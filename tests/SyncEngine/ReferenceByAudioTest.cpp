@@ -30,18 +30,26 @@ TEST(ReferenceByAudio, ATakeJoinedByItsWholeSecondClockMovesWhereTheCameraHearsI
 }
 
 TEST(ReferenceByAudio, TakesThatNoOtherDeviceLinksStayWhereTheClockLaidThem) {
-    // Each camera clip heard one take only: nothing relates the takes, so nothing moves.
+    // Each camera clip heard one take only: nothing relates the takes, so nothing moves. A clock
+    // that counts whole seconds closes the 1.6 s pause; one read to the fraction of its second
+    // (a recorder's time reference) keeps it.
     constexpr Date t0 = 1.7e9;
     const auto signal = randomBands(25 * 400, 92);
-    const auto rec = audioTrack("Rec", {heardClip(signal, "T1", 0, 100, 1, t0),
-                                        heardClip(signal, "T2", 101.6, 100, 2, t0 + 101)});
-    const auto cam = videoTrack(
-        "Cam", {heardClip(signal, "C1", 20, 60, 3), heardClip(signal, "C2", 120, 60, 4)});
-    TestSupport::LogCapture log;
-    const auto out = runEngine({cam, rec});
-    EXPECT_NEAR(out[1].clips[1].startOffset - out[1].clips[0].startOffset, 100, 1e-9);
-    EXPECT_NEAR(out[0].clips[1].startOffset - out[1].clips[1].startOffset, 120 - 101.6, 0.041);
-    EXPECT_TRUE(linesWith(log, "[SyncEngine]  ref 'Rec' clip '").empty());
+    for (const double fraction : {0.0, 0.3}) {
+        SCOPED_TRACE(fraction);
+        const bool precise = fraction > 0;
+        const auto rec = audioTrack("Rec", {heardClip(signal, "T1", 0, 100, 1, t0 + fraction),
+                                            heardClip(signal, "T2", 101.6, 100, 2,
+                                                      precise ? t0 + fraction + 101.6 : t0 + 101)});
+        const auto cam = videoTrack(
+            "Cam", {heardClip(signal, "C1", 20, 60, 3), heardClip(signal, "C2", 120, 60, 4)});
+        TestSupport::LogCapture log;
+        const auto out = runEngine({cam, rec});
+        EXPECT_NEAR(out[1].clips[1].startOffset - out[1].clips[0].startOffset,
+                    precise ? 101.6 : 100, 1e-6);
+        EXPECT_NEAR(out[0].clips[1].startOffset - out[1].clips[1].startOffset, 120 - 101.6, 0.041);
+        EXPECT_TRUE(linesWith(log, "[SyncEngine]  ref 'Rec' clip '").empty());
+    }
 }
 
 TEST(ReferenceByAudio, AMovedTakePushesTheTakeJoinedAfterItWithWhatWasPlacedAgainstIt) {
