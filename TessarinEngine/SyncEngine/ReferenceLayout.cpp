@@ -132,6 +132,7 @@ bool layoutReference(Run& run) {
     double cursor = 0;
     double pauses = 0;
     std::optional<Date> previousDate;
+    const ClipItem* previous = nullptr;
     region.takes = {{}};
     region.matchSpans.clear();
     bool first = true;
@@ -141,7 +142,11 @@ bool layoutReference(Run& run) {
         }
         auto& clip = track.clips[ci];
         double pos = first ? run.baseOffset : cursor;
-        if (!first && region.hasFullClock && region.refEpoch) {
+        // A chapter ran on straight from the one before it, whatever the clock rounded.
+        const bool continues = previous && clip.recordingKey &&
+                               clip.recordingKey == previous->recordingKey &&
+                               clip.chapterIndex == previous->chapterIndex + 1;
+        if (!first && !continues && region.hasFullClock && region.refEpoch) {
             const double clockPos = run.baseOffset + (*clip.recordingDate - *region.refEpoch);
             const double gap = clockPos - cursor;
             if (gap > kImplausibleGap) {
@@ -177,6 +182,7 @@ bool layoutReference(Run& run) {
         advanceProgress(run, clipName(clip));
         cursor = pos + clip.duration;
         previousDate = clip.recordingDate;
+        previous = &clip;
     }
 
     if (!region.hasFullClock) {

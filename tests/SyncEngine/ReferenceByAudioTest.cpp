@@ -72,3 +72,28 @@ TEST(ReferenceByAudio, AMovedTakePushesTheTakeJoinedAfterItWithWhatWasPlacedAgai
     EXPECT_NEAR(takes[2].startOffset - cams[1].startOffset, 202 - 210, 0.041);
     EXPECT_GE(takes[2].startOffset, takes[1].startOffset + takes[1].duration - 1e-6);
 }
+
+TEST(ReferenceByAudio, TheReferencesChaptersRunBackToBackWhateverTheirClocksRounded) {
+    // A camera as the reference, one take split into three 100 s chapters whose dates, written
+    // to a fraction of a second, say they began 100.4 s and 199.6 s after the first: the chapters
+    // ran on straight from each other all the same.
+    constexpr Date t0 = 1.7e9;
+    const auto signal = randomBands(25 * 400, 94);
+    std::vector<ClipItem> chapters;
+    const double dated[] = {0.5, 100.9, 200.1};
+    for (int k = 0; k < 3; ++k) {
+        auto clip = heardClip(signal, "GX0" + std::to_string(k + 1) + "0045", 100.0 * k, 100,
+                              10 + k, t0 + dated[k]);
+        clip.recordingKey = "GX0045";
+        clip.chapterIndex = k;
+        chapters.push_back(clip);
+    }
+    // A second camera with a clip of its own, so that there is something to lay against.
+    const auto other = videoTrack("CamB", {heardClip(signal, "B1", 320, 40, 20, t0 + 320)});
+    const auto out = runEngine({videoTrack("Cam", chapters), other});
+    for (int k = 0; k < 3; ++k) {
+        EXPECT_EQ(out[0].clips[k].placementPass, "ref") << k;
+        EXPECT_NEAR(out[0].clips[k].startOffset - out[0].clips[0].startOffset, 100.0 * k, 1e-6)
+            << k;
+    }
+}
