@@ -124,12 +124,9 @@ bool refillable(const Run& run, int si) {
 // by clock or between neighbours, or matched only weakly. Against clips that were themselves laid
 // by clock (`clockLaid`) only a clip whose own clock is proven is sought, close to it. A match away
 // from a proven clock must reach `least`. Returns how many found their place.
-// The searches of one step of the refill, kept until a clip is placed: the surest-first ladder asks
-// the same questions again at each lower level.
-using SearchMemo = std::map<std::tuple<ClipRef, bool, double, double>, std::optional<Match>>;
-
-int refillTrack(Run& run, int si, bool clockLaid, float least, SearchMemo& memo) {
-    std::vector<ClipRef> refs;
+// The chain of one track's clips as the passes left them: those placed by a match hold their
+// places (with `weakHolds`, weak matches too), those laid without audio are free to be sought.
+ChainState chainOfTrack(Run& run, int si, std::vector<ClipRef>& refs, bool weakHolds) {
     for (int ci : regionClipsOf(run, si)) {
         refs.push_back(ClipRef{si, ci});
     }
@@ -137,7 +134,7 @@ int refillTrack(Run& run, int si, bool clockLaid, float least, SearchMemo& memo)
     chain.init(run, refs);
     for (int i = 0; i < static_cast<int>(refs.size()); ++i) {
         const auto& clip = run.clip(refs[i]);
-        if (!laidWithoutAudio(clip) && clip.placementPass && !weaklyMatched(clip) &&
+        if (!laidWithoutAudio(clip) && clip.placementPass && (weakHolds || !weaklyMatched(clip)) &&
             (clip.syncStatus == SyncStatus::synced || clip.syncStatus == SyncStatus::weak)) {
             chain.placed.insert(i);
             chain.posOf[i] = clip.startOffset;
@@ -146,6 +143,16 @@ int refillTrack(Run& run, int si, bool clockLaid, float least, SearchMemo& memo)
             }
         }
     }
+    return chain;
+}
+
+// The searches of one step of the refill, kept until a clip is placed: the surest-first ladder asks
+// the same questions again at each lower level.
+using SearchMemo = std::map<std::tuple<ClipRef, bool, double, double>, std::optional<Match>>;
+
+int refillTrack(Run& run, int si, bool clockLaid, float least, SearchMemo& memo) {
+    std::vector<ClipRef> refs;
+    ChainState chain = chainOfTrack(run, si, refs, false);
     const auto pool = refillPool(run, si, clockLaid);
     // A clip sought close to its proven clock may also meet clips matched only weakly: what it
     // finds there counts no more than they do, and it joins them where their audio agrees.
@@ -262,22 +269,7 @@ void reflowChapters(Run& run, int si) {
 // found.
 int refillShortTrack(Run& run, int si) {
     std::vector<ClipRef> refs;
-    for (int ci : regionClipsOf(run, si)) {
-        refs.push_back(ClipRef{si, ci});
-    }
-    ChainState chain;
-    chain.init(run, refs);
-    for (int i = 0; i < static_cast<int>(refs.size()); ++i) {
-        const auto& clip = run.clip(refs[i]);
-        if (!laidWithoutAudio(clip) && clip.placementPass &&
-            (clip.syncStatus == SyncStatus::synced || clip.syncStatus == SyncStatus::weak)) {
-            chain.placed.insert(i);
-            chain.posOf[i] = clip.startOffset;
-            if (clip.syncStatus == SyncStatus::synced) {
-                chain.strong.insert(i);
-            }
-        }
-    }
+    ChainState chain = chainOfTrack(run, si, refs, true);
     const auto pool = refillPool(run, si, false);
     chain.checkSpans = &pool;
     int found = 0;
