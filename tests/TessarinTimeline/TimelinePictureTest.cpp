@@ -1,0 +1,172 @@
+#include "TessarinTimeline/TimelinePicture.h"
+
+#include "tests/TessarinTimeline/TimelineFixtures.h"
+#include "tests/support/TestSupport.h"
+
+#include <fstream>
+#include <gtest/gtest.h>
+#include <map>
+#include <regex>
+#include <sstream>
+
+namespace {
+
+// The stated metrics of the picture's text: 11 px monospace, 6.7 px a cell, wide East Asian
+// characters two cells.
+constexpr double kCell = 6.7;
+constexpr double kFontSize = 11;
+
+int cells(const std::string& utf8) {
+    int n = 0;
+    for (std::size_t i = 0; i < utf8.size();) {
+        const auto c = static_cast<unsigned char>(utf8[i]);
+        const std::size_t len = c < 0x80 ? 1 : c < 0xE0 ? 2 : c < 0xF0 ? 3 : 4;
+        char32_t cp = len == 1 ? c : c & (0x7F >> len);
+        for (std::size_t k = 1; k < len; ++k) {
+            cp = (cp << 6) | (static_cast<unsigned char>(utf8[i + k]) & 0x3F);
+        }
+        n += (cp >= 0x3000 && cp <= 0x9FFF) || (cp >= 0xFF00 && cp <= 0xFF60) ? 2 : 1;
+        i += len;
+    }
+    return n;
+}
+
+std::string unescape(std::string text) {
+    const std::pair<std::string, std::string> entities[] = {
+        {"&lt;", "<"}, {"&gt;", ">"}, {"&apos;", "'"}, {"&amp;", "&"}};
+    for (const auto& [entity, plain] : entities) {
+        for (auto at = text.find(entity); at != std::string::npos; at = text.find(entity, at + 1)) {
+            text.replace(at, entity.size(), plain);
+        }
+    }
+    return text;
+}
+
+struct Box {
+    double x = 0, y = 0, w = 0, h = 0;
+    std::string text;
+};
+
+// Six tracks of clips over just over three hours, 250 in all, of lengths from 8 s to 10 min, with
+// long, wide-character and markup-bearing names.
+std::vector<TimelineFixtures::Clip> bigShoot() {
+    const double lengths[] = {8, 310, 45, 600, 301, 120, 20, 299, 480, 30};
+    const char* statuses[] = {"synced", "synced", "weak", "failed"};
+    std::vector<TimelineFixtures::Clip> clips;
+    for (int si = 0; si < 6; ++si) {
+        const std::string track =
+            si < 4 ? "Camera " + std::string(1, char('A' + si)) : "Rec " + std::to_string(si);
+        double t = si * 7.0;
+        for (int ci = 0; clips.size() < 250 && ci < 42; ++ci) {
+            const double d = lengths[(ci + si) % 10];
+            char name[64];
+            switch (ci % 4) {
+            case 0:
+                std::snprintf(name, sizeof name, "A%03d.MOV", ci);
+                break;
+            case 1:
+                std::snprintf(name, sizeof name, "CAMERA_%d_B_ROLL_2024-06-01_take_%04d.MP4", si,
+                              ci);
+                break;
+            case 2:
+                std::snprintf(name, sizeof name, "\u30AB\u30E1\u30E9\u6771_%03d.MOV", ci);
+                break;
+            default:
+                std::snprintf(name, sizeof name, "R&D <%d>.wav", ci);
+            }
+            clips.push_back({"/shoot/" + track + "/" + name, track, si < 4 ? "video" : "audio", t,
+                             d, statuses[(ci + si) % 4], 25.0});
+            t += d + 40.0;
+        }
+    }
+    return clips;
+}
+
+} // namespace
+
+TEST(TimelinePicture, BigShootKeepsLabelsReadableAndApart) {
+    const auto shoot = bigShoot();
+    ASSERT_EQ(shoot.size(), 250u);
+    const auto read = EventStream::readTimeline(TimelineFixtures::eventStream(shoot));
+    const std::string svg = TimelinePicture::write(std::get<Timeline>(read));
+
+    std::vector<Box> bars;
+    std::vector<Box> labels;
+    const std::regex rect(
+        R"re(<rect class="clip" x="([-\d.]+)" y="([-\d.]+)" width="([\d.]+)" height="([\d.]+)")re");
+    const std::regex label(R"re(<text class="label" x="([-\d.]+)" y="([-\d.]+)">([^<]*)</text>)re");
+    std::istringstream lines(svg);
+    for (std::string line; std::getline(lines, line);) {
+        std::smatch m;
+        if (std::regex_search(line, m, rect)) {
+            bars.push_back(
+                {std::stod(m[1]), std::stod(m[2]), std::stod(m[3]), std::stod(m[4]), {}});
+        } else if (std::regex_search(line, m, label)) {
+            const auto text = unescape(m[3]);
+            // The box of the text: from the baseline up by the font size, down by a descender.
+            labels.push_back({std::stod(m[1]), std::stod(m[2]) - kFontSize, cells(text) * kCell,
+                              kFontSize + 3, text});
+        }
+    }
+    ASSERT_EQ(bars.size(), 250u);
+
+    // Bars come in clip order within each lane: at least 1 px per 5 s.
+    for (std::size_t i = 0; i < bars.size(); ++i) {
+        EXPECT_GE(bars[i].w, shoot[i].duration / 5 - 0.01) << shoot[i].path;
+    }
+    for (std::size_t a = 0; a < labels.size(); ++a) {
+        for (std::size_t b = a + 1; b < labels.size(); ++b) {
+            const auto& p = labels[a];
+            const auto& q = labels[b];
+            const bool apart =
+                p.x + p.w <= q.x || q.x + q.w <= p.x || p.y + p.h <= q.y || q.y + q.h <= p.y;
+            EXPECT_TRUE(apart) << p.text << " overlaps " << q.text;
+        }
+    }
+    int labelled = 0;
+    for (std::size_t i = 0; i < bars.size(); ++i) {
+        const auto& bar = bars[i];
+        if (bar.w < 60) {
+            continue;
+        }
+        ++labelled;
+        const std::string name = shoot[i].path.substr(shoot[i].path.rfind('/') + 1);
+        SCOPED_TRACE(name);
+        const auto inside = std::find_if(labels.begin(), labels.end(), [&](const Box& l) {
+            return l.x >= bar.x && l.x + l.w <= bar.x + bar.w && l.y >= bar.y &&
+                   l.y + l.h <= bar.y + bar.h;
+        });
+        ASSERT_NE(inside, labels.end());
+        // The whole name, or its head and tail around an ellipsis.
+        const auto cut = inside->text.find("\u2026");
+        if (cut == std::string::npos) {
+            EXPECT_EQ(inside->text, name);
+        } else {
+            const auto head = inside->text.substr(0, cut);
+            const auto tail = inside->text.substr(cut + 3);
+            EXPECT_TRUE(name.starts_with(head) && name.ends_with(tail)) << inside->text;
+            EXPECT_GE(head.size(), 3u);
+        }
+    }
+    EXPECT_GT(labelled, 100);
+
+    // The picture must be one that a renderer draws at the size it states.
+    TestSupport::TempDir dir;
+    TestSupport::writeText(dir / "big.svg", svg);
+    const auto png = TestSupport::runProcess(
+        {"/usr/bin/rsvg-convert", "-o", (dir / "big.png").string(), (dir / "big.svg").string()});
+    ASSERT_EQ(png.exitCode, 0) << png.err;
+    std::ifstream in(dir / "big.png", std::ios::binary);
+    unsigned char header[24] = {};
+    in.read(reinterpret_cast<char*>(header), sizeof header);
+    const auto be32 = [&](int at) {
+        return (header[at] << 24) | (header[at + 1] << 16) | (header[at + 2] << 8) | header[at + 3];
+    };
+    std::smatch size;
+    ASSERT_TRUE(std::regex_search(
+        svg, size, std::regex(R"re(<svg [^>]*width="([\d.]+)" height="([\d.]+)")re")));
+    EXPECT_EQ(be32(16), std::stoi(size[1]));
+    EXPECT_EQ(be32(20), std::stoi(size[2]));
+    // 3 hours at 1 px per 5 s need 2160 px beside the margins.
+    EXPECT_GE(be32(16), 2160);
+}
