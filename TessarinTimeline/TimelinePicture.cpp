@@ -76,9 +76,16 @@ std::string clockText(double seconds) {
     return buf;
 }
 
+// Ruler labels: whole minutes as "12 min"; the quarter and half minutes of short timelines as
+// "m:ss".
 std::string minutesText(double minutes) {
     char buf[32];
-    std::snprintf(buf, sizeof buf, "%g min", minutes);
+    if (minutes == std::floor(minutes)) {
+        std::snprintf(buf, sizeof buf, "%.0f min", minutes);
+    } else {
+        const auto seconds = static_cast<long long>(std::lround(minutes * 60));
+        std::snprintf(buf, sizeof buf, "%lld:%02lld", seconds / 60, seconds % 60);
+    }
     return buf;
 }
 

@@ -67,9 +67,9 @@ inline std::string eventStream(const std::vector<Clip>& clips) {
         }
     }
     out += nlohmann::ordered_json{{"type", "done"},
-                          {"trackCount", tracks.size()},
-                          {"clipCount", clips.size()},
-                          {"timelineDuration", end}}
+                                  {"trackCount", tracks.size()},
+                                  {"clipCount", clips.size()},
+                                  {"timelineDuration", end}}
                .dump() +
            "\n";
     return out;
