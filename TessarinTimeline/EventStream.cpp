@@ -67,10 +67,12 @@ std::variant<TimelineClip, std::string> readResult(const json& e) {
     if (!mediaType || (*mediaType != "video" && *mediaType != "audio")) {
         return std::string("mediaType");
     }
-    if (!start) {
+    // Positions beyond a hundred days are no shoot's; they would overflow frame counts.
+    constexpr double kLongest = 1e7;
+    if (!start || std::abs(*start) > kLongest) {
         return std::string("startOffset");
     }
-    if (!duration || *duration < 0) {
+    if (!duration || *duration < 0 || *duration > kLongest) {
         return std::string("duration");
     }
     if (!status) {

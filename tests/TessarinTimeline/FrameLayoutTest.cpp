@@ -32,11 +32,7 @@ TEST(FrameLayout, RationalRates) {
     }
 }
 
-TEST(FrameLayout, FormatOfTheMostCommonVideoClip) {
-    const auto shoot = timelineOf(TimelineFixtures::smallShoot());
-    EXPECT_EQ(FrameLayout::chooseFormat(shoot), (TimelineFormat{{24000, 1001}, 1920, 1080}));
-
-    // Sound alone has no picture: 25 fps and the stated default size.
+TEST(FrameLayout, SoundAloneHasTheDefaultFormat) {
     const auto sound = timelineOf({{"/s/T1.WAV", "S", "audio", 0, 10, "synced", 48.0}});
     EXPECT_EQ(FrameLayout::chooseFormat(sound), (TimelineFormat{{25, 1}, 1920, 1080}));
 }
