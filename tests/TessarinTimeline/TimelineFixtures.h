@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -96,6 +97,46 @@ inline std::vector<Clip> smallShoot() {
          std::pair{3840, 2160}},
         {"/shoot/Day 1/CamB/C0002.MP4", "CamB", "video", 70.04, 45.0, "synced", 23.976, {}, hd},
     };
+}
+
+inline std::string unescape(std::string text) {
+    const std::pair<std::string, std::string> entities[] = {
+        {"&lt;", "<"}, {"&gt;", ">"}, {"&quot;", "\""}, {"&apos;", "'"}, {"&amp;", "&"}};
+    for (const auto& [entity, plain] : entities) {
+        for (auto at = text.find(entity); at != std::string::npos; at = text.find(entity, at + 1)) {
+            text.replace(at, entity.size(), plain);
+        }
+    }
+    return text;
+}
+
+// The first tag of a line of the writers' markup (one element a line): its name, attributes and
+// the text after it up to the next tag.
+struct Tag {
+    std::string name;
+    std::map<std::string, std::string> attributes;
+    std::string text;
+};
+
+inline Tag firstTag(const std::string& line) {
+    Tag tag;
+    const auto at = line.find('<');
+    const auto end = line.find('>', at);
+    if (at == std::string::npos || end == std::string::npos) {
+        return tag;
+    }
+    const std::string inside = line.substr(at + 1, end - at - 1);
+    auto i = inside.find_first_of(" /");
+    tag.name = inside.substr(0, i);
+    while (i != std::string::npos && (i = inside.find('=', i)) != std::string::npos) {
+        const auto name = inside.rfind(' ', i) + 1;
+        const auto close = inside.find('"', i + 2);
+        tag.attributes[inside.substr(name, i - name)] =
+            unescape(inside.substr(i + 2, close - i - 2));
+        i = close + 1;
+    }
+    tag.text = unescape(line.substr(end + 1, line.find('<', end) - end - 1));
+    return tag;
 }
 
 } // namespace TimelineFixtures

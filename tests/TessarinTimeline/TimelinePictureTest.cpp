@@ -7,7 +7,6 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <map>
-#include <regex>
 #include <sstream>
 
 namespace {
@@ -15,17 +14,6 @@ namespace {
 // The stated metrics of the picture's text: 11 px, 6.7 px a character cell.
 constexpr double kCell = 6.7;
 constexpr double kFontSize = 11;
-
-std::string unescape(std::string text) {
-    const std::pair<std::string, std::string> entities[] = {
-        {"&lt;", "<"}, {"&gt;", ">"}, {"&apos;", "'"}, {"&amp;", "&"}};
-    for (const auto& [entity, plain] : entities) {
-        for (auto at = text.find(entity); at != std::string::npos; at = text.find(entity, at + 1)) {
-            text.replace(at, entity.size(), plain);
-        }
-    }
-    return text;
-}
 
 struct Box {
     double x = 0, y = 0, w = 0, h = 0;
@@ -77,20 +65,19 @@ TEST(TimelinePicture, BigShootKeepsLabelsReadableAndApart) {
 
     std::vector<Box> bars;
     std::vector<Box> labels;
-    const std::regex rect(
-        R"re(<rect class="clip" x="([-\d.]+)" y="([-\d.]+)" width="([\d.]+)" height="([\d.]+)")re");
-    const std::regex label(R"re(<text class="label" x="([-\d.]+)" y="([-\d.]+)">([^<]*)</text>)re");
     std::istringstream lines(svg);
     for (std::string line; std::getline(lines, line);) {
-        std::smatch m;
-        if (std::regex_search(line, m, rect)) {
-            bars.push_back(
-                {std::stod(m[1]), std::stod(m[2]), std::stod(m[3]), std::stod(m[4]), {}});
-        } else if (std::regex_search(line, m, label)) {
-            const auto text = unescape(m[3]);
+        const auto tag = TimelineFixtures::firstTag(line);
+        const auto& a = tag.attributes;
+        auto at = [&](const char* name) {
+            return std::stod(a.at(name));
+        };
+        if (tag.name == "rect" && a.count("class") && a.at("class") == "clip") {
+            bars.push_back({at("x"), at("y"), at("width"), at("height"), {}});
+        } else if (tag.name == "text" && a.at("class") == "label") {
             // The box of the text: from the baseline up by the font size, down by a descender.
-            labels.push_back({std::stod(m[1]), std::stod(m[2]) - kFontSize,
-                              TextCells::width(text) * kCell, kFontSize + 3, text});
+            labels.push_back({at("x"), at("y") - kFontSize, TextCells::width(tag.text) * kCell,
+                              kFontSize + 3, tag.text});
         }
     }
     ASSERT_EQ(bars.size(), 250u);
