@@ -1,13 +1,15 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, makes a small example shoot and lays it on a timeline:
-# prints the raw event stream, then a table of the result. Exits with the engine's exit code.
+# prints the raw event stream, then a table of the result, then writes the timeline as a picture
+# (SVG), an MLT project and an OpenTimelineIO file and names them. Exits with the engine's exit
+# code.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 
 bash scripts/setup.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build -j"$(nproc)" --target TessarinEngineCLI
+cmake --build build -j"$(nproc)" --target TessarinEngineCLI tessarin-timeline
 
 shoot="$root/build/example-shoot"
 if [ ! -f "$shoot/request.json" ]; then
@@ -27,4 +29,11 @@ echo
 echo "== timeline =="
 /usr/bin/python3 scripts/show_timeline.py "$events"
 echo "exit code: $status"
+if [ "$status" -eq 0 ]; then
+    echo
+    echo "== timeline files (open them as the README shows) =="
+    out="$root/build/example-timeline"
+    build/bin/tessarin-timeline --input "$events" --force \
+        --svg "$out.svg" --mlt "$out.mlt" --otio "$out.otio" 2>&1
+fi
 exit "$status"

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs, from Debian's packages, everything the build, tests, benchmarks, fuzzers and the demo
-# need. Quick no-op when all of it is present; otherwise one apt-get update and one install.
+# need (melt, xmllint and rsvg-convert check the timeline exporter's files). Quick no-op when all
+# of it is present; otherwise one apt-get update and one install.
 set -euo pipefail
 
 packages=(
@@ -9,6 +10,7 @@ packages=(
     libfftw3-dev libicu-dev nlohmann-json3-dev libexpat1-dev libplist-dev uuid-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     ffmpeg sox python3-numpy
+    melt libmlt-data libxml2-utils librsvg2-bin fonts-dejavu-core
     clang-14 libclang-rt-14-dev libfuzzer-14-dev
 )
 
