@@ -252,7 +252,23 @@ void layFrame(Decoding& d, StreamDecode& s, AVFrame* frame) {
         s.inRate = frame->sample_rate;
         s.inFormat = frame->format;
     }
-    resampleInto(d, s, const_cast<const std::uint8_t**>(frame->extended_data), frame->nb_samples);
+    // A second of input at a time: a header that claims a rate far below the output's (1 Hz)
+    // would otherwise have the resampler build the whole stretch at once, hours of output from a
+    // few kilobytes, before the bound on what the file may yield can stop it.
+    const auto format = static_cast<AVSampleFormat>(frame->format);
+    const int planes = av_sample_fmt_is_planar(format) ? frame->ch_layout.nb_channels : 1;
+    const std::size_t stride =
+        static_cast<std::size_t>(av_get_bytes_per_sample(format)) *
+        static_cast<std::size_t>(planes == 1 ? frame->ch_layout.nb_channels : 1);
+    const int step = std::max(1, frame->sample_rate);
+    std::vector<const std::uint8_t*> in(static_cast<std::size_t>(planes));
+    for (int done = 0; done < frame->nb_samples; done += step) {
+        for (int p = 0; p < planes; ++p) {
+            in[static_cast<std::size_t>(p)] =
+                frame->extended_data[p] + static_cast<std::size_t>(done) * stride;
+        }
+        resampleInto(d, s, in.data(), std::min(step, frame->nb_samples - done));
+    }
 }
 
 // Sends one packet, or the empty packet that drains the decoder, and lays every frame that comes
