@@ -36,19 +36,11 @@ std::optional<double> creationDate(const std::filesystem::path& path) {
     return static_cast<double>(st.stx_btime.tv_sec) + st.stx_btime.tv_nsec * 1e-9;
 }
 
-namespace {
-
-// Closes the descriptor on every way out.
-struct Descriptor {
-    int fd;
-    ~Descriptor() {
-        if (fd >= 0) {
-            ::close(fd);
-        }
+Descriptor::~Descriptor() {
+    if (fd >= 0) {
+        ::close(fd);
     }
-};
-
-} // namespace
+}
 
 std::optional<std::vector<std::uint8_t>> readRegularFile(const std::filesystem::path& path) {
     Descriptor in{::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};

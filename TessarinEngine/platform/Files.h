@@ -42,4 +42,13 @@ bool replaceFile(const std::filesystem::path& path, std::span<const std::uint8_t
 // takes one of their numbers (event lines would then land in it). Call first thing at start.
 void openStandardDescriptors();
 
+// A file descriptor closed on every way out of the scope that opened it; -1 holds nothing.
+struct Descriptor {
+    explicit Descriptor(int opened) : fd(opened) {}
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    ~Descriptor();
+    int fd = -1;
+};
+
 } // namespace Files

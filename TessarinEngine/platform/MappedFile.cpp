@@ -1,5 +1,7 @@
 #include "TessarinEngine/platform/MappedFile.h"
 
+#include "TessarinEngine/platform/Files.h"
+
 #include <atomic>
 #include <csignal>
 #include <cstdint>
@@ -96,16 +98,6 @@ Date toDate(const struct statx_timestamp& t) {
     return static_cast<double>(t.tv_sec) + t.tv_nsec / 1e9;
 }
 
-// Closes the descriptor on every path out of open(); the mapping outlives it.
-struct Descriptor {
-    int fd;
-    ~Descriptor() {
-        if (fd >= 0) {
-            ::close(fd);
-        }
-    }
-};
-
 } // namespace
 
 std::optional<MappedFile> MappedFile::open(const std::filesystem::path& path) {
@@ -116,7 +108,8 @@ std::optional<MappedFile> MappedFile::open(const std::filesystem::path& path) {
     if (::stat(path.c_str(), &before) != 0 || !S_ISREG(before.st_mode)) {
         return std::nullopt;
     }
-    Descriptor file{::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
+    // Closed on every path out of open(); the mapping outlives it.
+    Files::Descriptor file{::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
     if (file.fd < 0) {
         return std::nullopt;
     }
