@@ -6,13 +6,11 @@
 #include "TessarinEngine/SpectralBands.h"
 #include "TessarinEngine/SyncCorrelator.h"
 #include "TessarinEngine/SyncEngine.h"
+#include "TessarinEngine/WorkerWindow.h"
 
 #include <algorithm>
 #include <atomic>
-#include <condition_variable>
-#include <deque>
 #include <exception>
-#include <mutex>
 #include <thread>
 
 namespace Pipeline {
@@ -62,86 +60,41 @@ void runExtractPhase(std::vector<TrackSource>& sources, const std::vector<Extrac
     }
     const double divisor = std::max(totalWeight, 1.0);
 
-    std::mutex mutex;
-    std::condition_variable finishedSignal;
-    std::deque<ExtractOutcome> finished;
-    std::size_t nextJob = 0;
-    bool abandoned = false;
-
-    // Each worker takes the next job in job order as soon as it is free, so at most `width` jobs
-    // run at once and they start in order; outcomes queue up in the order they finish.
-    auto worker = [&] {
-        for (;;) {
-            std::size_t index;
-            {
-                std::lock_guard lock(mutex);
-                if (abandoned || nextJob >= jobs.size()) {
-                    return;
-                }
-                index = nextJob++;
-            }
-            ExtractOutcome outcome;
+    // At most `width` jobs run at once and they start in job order; outcomes are folded in the
+    // order they finish. An event that cannot be written stops the window.
+    double running = 0;
+    WorkerWindow::run<ExtractOutcome>(
+        jobs.size(), static_cast<std::size_t>(std::max(width, 1)),
+        [&](std::size_t index) {
             try {
-                outcome = job(jobs[index]);
+                return job(jobs[index]);
             } catch (const std::exception& e) {
                 const auto& j = jobs[index];
-                outcome = {j.si,
-                           j.ci,
-                           j.url,
-                           jobWeight(j.duration),
-                           {},
-                           {},
-                           std::string("Extraction failed: ") + e.what()};
+                return ExtractOutcome{j.si,
+                                      j.ci,
+                                      j.url,
+                                      jobWeight(j.duration),
+                                      {},
+                                      {},
+                                      std::string("Extraction failed: ") + e.what()};
             }
-            {
-                std::lock_guard lock(mutex);
-                finished.push_back(std::move(outcome));
+        },
+        [&](std::size_t, ExtractOutcome outcome) {
+            running += outcome.weight;
+            const std::string path = outcome.url.string();
+            emit(ProgressEvent{"extract", running / divisor, path});
+            if (outcome.errorMessage) {
+                emit(ErrorEvent{path, *outcome.errorMessage});
             }
-            finishedSignal.notify_one();
-        }
-    };
-
-    const auto workerCount =
-        std::min<std::size_t>(static_cast<std::size_t>(std::max(width, 1)), jobs.size());
-    std::vector<std::jthread> workers;
-    workers.reserve(workerCount);
-    for (std::size_t i = 0; i < workerCount; ++i) {
-        workers.emplace_back(worker);
-    }
-    // An event that cannot be written leaves the loop early: the workers must stop taking jobs
-    // before they are joined.
-    struct Abandon {
-        std::mutex& mutex;
-        bool& abandoned;
-        ~Abandon() {
-            std::lock_guard lock(mutex);
-            abandoned = true;
-        }
-    } abandonOnExit{mutex, abandoned};
-
-    double running = 0;
-    for (std::size_t folded = 0; folded < jobs.size(); ++folded) {
-        ExtractOutcome outcome;
-        {
-            std::unique_lock lock(mutex);
-            finishedSignal.wait(lock, [&] { return !finished.empty(); });
-            outcome = std::move(finished.front());
-            finished.pop_front();
-        }
-        running += outcome.weight;
-        const std::string path = outcome.url.string();
-        emit(ProgressEvent{"extract", running / divisor, path});
-        if (outcome.errorMessage) {
-            emit(ErrorEvent{path, *outcome.errorMessage});
-        }
-        if (outcome.bands) {
-            auto& clip = sources[outcome.si].clips[outcome.ci];
-            clip.bandFeature = std::move(outcome.bands);
-            if (outcome.refinedDuration) {
-                clip.duration = *outcome.refinedDuration;
+            if (outcome.bands) {
+                auto& clip = sources[outcome.si].clips[outcome.ci];
+                clip.bandFeature = std::move(outcome.bands);
+                if (outcome.refinedDuration) {
+                    clip.duration = *outcome.refinedDuration;
+                }
             }
-        }
-    }
+            return true;
+        });
 }
 
 std::optional<double> pictureDuration(const ClipItem& clip) {

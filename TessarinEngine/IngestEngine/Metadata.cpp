@@ -1,12 +1,9 @@
 #include "TessarinEngine/EngineLog.h"
 #include "TessarinEngine/IngestEngine.h"
 #include "TessarinEngine/IngestEngine/Helpers.h"
+#include "TessarinEngine/WorkerWindow.h"
 #include "TessarinEngine/platform/LocalTime.h"
 
-#include <condition_variable>
-#include <deque>
-#include <mutex>
-#include <thread>
 #include <unordered_map>
 
 namespace {
@@ -91,67 +88,23 @@ std::vector<TrackSource> IngestEngine::loadMetadata(
         }
     }
 
-    std::mutex mutex;
-    std::condition_variable arrived;
-    std::deque<ReadResult> results;
-    std::size_t next = 0;
-    bool abandoned = false;
-
-    // Each worker takes the next clip in list order as soon as it is free, so at most
-    // `kReadWindow` reads run at once and they start in order.
-    auto worker = [&] {
-        for (;;) {
-            std::size_t index;
-            {
-                std::lock_guard lock(mutex);
-                if (abandoned || next >= work.size()) {
-                    return;
-                }
-                index = next++;
-            }
+    // At most `kReadWindow` reads run at once and they start in list order; a throwing callback
+    // stops the window.
+    WorkerWindow::run<ReadResult>(
+        work.size(), kReadWindow,
+        [&](std::size_t index) {
             MediaMetadata::ClipMeta meta;
             try {
                 meta = readMeta(work[index].url);
             } catch (...) {
                 meta = {};
             }
-            {
-                std::lock_guard lock(mutex);
-                results.push_back({work[index].id, std::move(meta)});
-            }
-            arrived.notify_one();
-        }
-    };
-
-    {
-        std::vector<std::jthread> workers;
-        // A throwing callback leaves the loop early: the workers must stop taking clips before
-        // they are joined.
-        struct Abandon {
-            std::mutex& mutex;
-            bool& abandoned;
-            ~Abandon() {
-                std::lock_guard lock(mutex);
-                abandoned = true;
-            }
-        };
-        const std::size_t width = std::min(kReadWindow, work.size());
-        for (std::size_t i = 0; i < width; ++i) {
-            workers.emplace_back(worker);
-        }
-        Abandon abandonOnExit{mutex, abandoned};
-
-        for (std::size_t folded = 0; folded < work.size(); ++folded) {
-            ReadResult result;
-            {
-                std::unique_lock lock(mutex);
-                arrived.wait(lock, [&] { return !results.empty(); });
-                result = std::move(results.front());
-                results.pop_front();
-            }
+            return ReadResult{work[index].id, std::move(meta)};
+        },
+        [&](std::size_t, ReadResult result) {
             auto found = where.find(result.id);
             if (found == where.end()) {
-                continue;
+                return true;
             }
             const auto [si, ci] = found->second;
             applyMeta(sources[si].clips[ci], result.meta);
@@ -159,8 +112,8 @@ std::vector<TrackSource> IngestEngine::loadMetadata(
             if (onClipUpdated) {
                 onClipUpdated(sources);
             }
-        }
-    }
+            return true;
+        });
 
     for (const auto& track : sources) {
         logClocks(track);

@@ -1,5 +1,5 @@
 #include "TessarinEngine/SyncEngine/Run.h"
-#include "TessarinEngine/SyncEngine/TaskGroup.h"
+#include "TessarinEngine/WorkerWindow.h"
 
 #include <algorithm>
 #include <cmath>
@@ -354,9 +354,9 @@ std::vector<Pass1Job> buildPass1Jobs(const Run& run, const ChainState& chain,
 bool runPass1(Run& run, ChainState& chain, const std::vector<Pass1Job>& jobs,
               const std::vector<PoolSpan>& spans) {
     bool cancelled = false;
-    runBounded<std::optional<Match>>(
-        static_cast<int>(jobs.size()), run.width,
-        [&](int j) -> std::optional<Match> {
+    WorkerWindow::run<std::optional<Match>>(
+        jobs.size(), static_cast<std::size_t>(std::max(run.width, 1)),
+        [&](std::size_t j) -> std::optional<Match> {
             const auto& job = jobs[j];
             if (job.duration < kShortestMatched) {
                 return std::nullopt;
@@ -371,7 +371,7 @@ bool runPass1(Run& run, ChainState& chain, const std::vector<Pass1Job>& jobs,
             }
             return m;
         },
-        [&](int j, std::optional<Match> match) {
+        [&](std::size_t j, std::optional<Match> match) {
             if (run.cancelled()) {
                 cancelled = true;
                 return false;

@@ -1,5 +1,5 @@
 #include "TessarinEngine/SyncEngine/Run.h"
-#include "TessarinEngine/SyncEngine/TaskGroup.h"
+#include "TessarinEngine/WorkerWindow.h"
 
 #include <algorithm>
 #include <cmath>
@@ -48,13 +48,13 @@ bool seedFromWholePool(Run& run, ChainState& chain, const std::vector<PoolSpan>&
         }
     }
     std::map<int, Match> seeds;
-    runBounded<std::optional<Match>>(
-        static_cast<int>(candidates.size()), run.width,
-        [&](int j) {
+    WorkerWindow::run<std::optional<Match>>(
+        candidates.size(), static_cast<std::size_t>(std::max(run.width, 1)),
+        [&](std::size_t j) {
             const auto& clip = chain.clips[candidates[j]];
             return multiWindowMatch(clip.bandFeature, clip.duration, -kWidest, kWidest, pool, true);
         },
-        [&](int j, std::optional<Match> m) {
+        [&](std::size_t j, std::optional<Match> m) {
             if (run.cancelled()) {
                 return false;
             }

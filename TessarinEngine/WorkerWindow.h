@@ -2,37 +2,50 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <cstddef>
 #include <deque>
 #include <mutex>
 #include <thread>
 #include <utility>
 #include <vector>
 
-namespace SyncEngine {
+namespace WorkerWindow {
 
-// Runs job(0) ... job(count - 1), in that order of start, on at most `width` threads, and hands
-// each result to consume(index, result) on the calling thread, one at a time, in order of
-// completion. When consume returns false no further job starts; the results of jobs already
-// running are dropped. Jobs must only read shared data.
+// Runs job(0) ... job(count - 1), started in that order, at most `width` at once, and hands each
+// result to consume(index, result) on the calling thread, one at a time, in order of completion.
+// When consume returns false, or throws, no further job starts and the results of jobs still
+// running are dropped; the workers are joined before this returns (or the exception leaves).
+// A job must not throw: it turns its own failures into its result.
 template <class Result, class Job, class Consume>
-void runBounded(int count, int width, const Job& job, const Consume& consume) {
-    if (count <= 0) {
+void run(std::size_t count, std::size_t width, const Job& job, const Consume& consume) {
+    if (count == 0) {
         return;
     }
     std::mutex mutex;
     std::condition_variable ready;
-    std::deque<std::pair<int, Result>> done;
-    int next = 0;
-    int finishedWorkers = 0;
+    std::deque<std::pair<std::size_t, Result>> done;
+    std::size_t next = 0;
+    std::size_t finishedWorkers = 0;
     bool stop = false;
 
-    const int threads = std::max(1, std::min(width, count));
+    const std::size_t threads = std::max<std::size_t>(1, std::min(width, count));
+    // Declared after the workers, so it runs before they are joined: they stop taking jobs
+    // whichever way the loop below is left.
+    struct StopOnExit {
+        std::mutex& mutex;
+        bool& stop;
+        ~StopOnExit() {
+            std::lock_guard lock(mutex);
+            stop = true;
+        }
+    };
     std::vector<std::jthread> workers;
-    workers.reserve(static_cast<std::size_t>(threads));
-    for (int t = 0; t < threads; ++t) {
+    StopOnExit stopOnExit{mutex, stop};
+    workers.reserve(threads);
+    for (std::size_t t = 0; t < threads; ++t) {
         workers.emplace_back([&] {
             for (;;) {
-                int index = 0;
+                std::size_t index = 0;
                 {
                     std::lock_guard lock(mutex);
                     if (stop || next >= count) {
@@ -64,12 +77,11 @@ void runBounded(int count, int width, const Job& job, const Consume& consume) {
             continue;
         }
         lock.unlock();
-        const bool goOn = consume(index, std::move(result));
-        if (!goOn) {
+        if (!consume(index, std::move(result))) {
             std::lock_guard relock(mutex);
             stop = true;
         }
     }
 }
 
-} // namespace SyncEngine
+} // namespace WorkerWindow
