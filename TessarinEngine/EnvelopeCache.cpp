@@ -13,8 +13,6 @@
 #include <mutex>
 #include <new>
 #include <string_view>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace EnvelopeCache {
 
@@ -80,10 +78,6 @@ bool isCacheName(std::string_view name) {
     return name.empty();
 }
 
-double seconds(const timespec& ts) {
-    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
-}
-
 } // namespace
 
 std::filesystem::path cacheDir() {
@@ -99,15 +93,13 @@ void setCacheDir(std::filesystem::path dir) {
 }
 
 std::optional<std::string> cacheKey(const std::filesystem::path& url) {
-    struct stat st {};
-    if (::stat(url.c_str(), &st) != 0) {
+    const auto st = Files::status(url);
+    if (!st) {
         return std::nullopt;
     }
     // Nanoseconds: a file rewritten within the same second with the same size is another file.
-    const std::int64_t mtimeNs =
-        static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
     const std::string text =
-        url.string() + "|" + std::to_string(st.st_size) + "|" + std::to_string(mtimeNs);
+        url.string() + "|" + std::to_string(st->size) + "|" + std::to_string(st->modifiedNs);
     // FNV-1a: unlike a multiply-and-add hash, texts of equal length that differ in two bytes
     // ("Ab" and "BA") do not meet.
     std::uint64_t h = 0xcbf29ce484222325ULL;
@@ -250,20 +242,22 @@ PruneResult prune(Date now) {
             return {};
         }
         // Only our own files: a user's file, a folder or a link is left alone and not counted.
-        // lstat, so a link is seen as the link.
-        struct stat st {};
-        if (!isCacheName(it->path().filename().string()) || ::lstat(it->path().c_str(), &st) != 0 ||
-            !S_ISREG(st.st_mode)) {
+        // A link is seen as the link.
+        if (!isCacheName(it->path().filename().string())) {
             continue;
         }
-        entries.push_back({it->path(), st.st_size, seconds(st.st_atim)});
+        const auto st = Files::status(it->path(), false);
+        if (!st || !st->regular) {
+            continue;
+        }
+        entries.push_back({it->path(), st->size, static_cast<double>(st->accessedNs) / 1e9});
     }
 
     PruneResult result;
     // unlink removes the name itself: were it swapped for a link since, the link goes, never
     // what it points to.
     auto removeEntry = [&](const Entry& e) {
-        if (::unlink(e.url.c_str()) == 0) {
+        if (Files::removeName(e.url)) {
             result.removed += 1;
             result.bytesFreed += e.size;
             return true;

@@ -2,6 +2,8 @@
 
 #include "TessarinEngine/Fingerprint.h"
 #include "TessarinEngine/SpectralBands.h"
+#include "TessarinEngine/TessarinError.h"
+#include "TessarinEngine/platform/Date.h"
 #include "TessarinEngine/platform/Uuid.h"
 
 #include <compare>
@@ -12,9 +14,6 @@
 #include <string>
 #include <string_view>
 #include <vector>
-
-// Points in time are seconds since 1970-01-01 00:00 UTC, as double.
-using Date = double;
 
 enum class SourceType { video, audio };
 
@@ -36,34 +35,6 @@ std::string_view toString(AudioUsability usability);
 std::string_view toString(ClockQuality quality);
 // The quality of a raw value, or nothing above 4 (and below 0).
 std::optional<ClockQuality> clockQualityFromRaw(int raw);
-
-// The one error type of media reading. Only audio extraction throws it.
-class TessarinError : public std::runtime_error {
-public:
-    enum class Kind {
-        noAudioTrack,
-        readerStartFailed,
-        readFailed,
-        emptySamples,
-        silentAudio,
-        correlationFailed,
-        notEnoughTracks
-    };
-
-    TessarinError(Kind kind, std::string payload = {});
-
-    Kind kind() const { return kind_; }
-    const std::string& payload() const { return payload_; }
-    // The human text, e.g. `No audio track in "C0001.MP4"`.
-    std::string errorDescription() const;
-    // The case name with its payload quoted in parentheses, e.g. `noAudioTrack("C0001.MP4")`, or
-    // the bare name when the case has no payload. This is what error events carry.
-    std::string caseText() const;
-
-private:
-    Kind kind_;
-    std::string payload_;
-};
 
 struct ClipItem {
     Uuid id = Uuid::random();

@@ -36,6 +36,22 @@ std::optional<double> creationDate(const std::filesystem::path& path) {
     return static_cast<double>(st.stx_btime.tv_sec) + st.stx_btime.tv_nsec * 1e-9;
 }
 
+std::optional<Status> status(const std::filesystem::path& path, bool followLinks) {
+    struct stat st {};
+    if ((followLinks ? ::stat(path.c_str(), &st) : ::lstat(path.c_str(), &st)) != 0) {
+        return std::nullopt;
+    }
+    const auto ns = [](const struct timespec& t) {
+        return static_cast<std::int64_t>(t.tv_sec) * 1000000000 + t.tv_nsec;
+    };
+    return Status{static_cast<std::int64_t>(st.st_size), ns(st.st_mtim), ns(st.st_atim),
+                  S_ISREG(st.st_mode)};
+}
+
+bool removeName(const std::filesystem::path& path) {
+    return ::unlink(path.c_str()) == 0;
+}
+
 Descriptor::~Descriptor() {
     if (fd >= 0) {
         ::close(fd);

@@ -42,6 +42,20 @@ bool replaceFile(const std::filesystem::path& path, std::span<const std::uint8_t
 // takes one of their numbers (event lines would then land in it). Call first thing at start.
 void openStandardDescriptors();
 
+// What the file system says of a name: its size, when it was last written and last read (in
+// nanoseconds since 1970), and whether it is a regular file. `followLinks` false describes a link
+// itself. Nothing when the name cannot be looked at. Never throws.
+struct Status {
+    std::int64_t size = 0;
+    std::int64_t modifiedNs = 0;
+    std::int64_t accessedNs = 0;
+    bool regular = false;
+};
+std::optional<Status> status(const std::filesystem::path& path, bool followLinks = true);
+
+// Removes the name itself: a link goes, never what it points to. False when nothing was removed.
+bool removeName(const std::filesystem::path& path);
+
 // A file descriptor closed on every way out of the scope that opened it; -1 holds nothing.
 struct Descriptor {
     explicit Descriptor(int opened) : fd(opened) {}

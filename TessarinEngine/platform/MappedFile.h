@@ -1,6 +1,6 @@
 #pragma once
 
-#include "TessarinEngine/TrackModels.h"
+#include "TessarinEngine/platform/Date.h"
 
 #include <cstdint>
 #include <filesystem>

@@ -1,6 +1,6 @@
 #include "TessarinEngine/platform/MediaDecoder.h"
 
-#include "TessarinEngine/TrackModels.h"
+#include "TessarinEngine/TessarinError.h"
 #include "TessarinEngine/platform/FFmpeg.h"
 
 extern "C" {
