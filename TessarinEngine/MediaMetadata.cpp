@@ -801,7 +801,25 @@ std::optional<std::string> readTimedMetadataDevice(Bytes movieFile) {
 }
 
 std::optional<std::string> readQuickTimeDeviceAtoms(Bytes movieFile) {
-    return QuickTime::readDeviceAtoms(movieFile);
+    // FUJIFILM cameras name themselves in a short "Info" atom, e.g. "FUJIFILM DIGITAL CAMERA
+    // X-T3"; other makers' Info atoms say nothing useful.
+    const auto fujifilm = [](std::string_view atom) -> std::optional<QuickTime::MakeAndModel> {
+        std::string text = Unicode::upper(std::string(atom));
+        if (text.find("FUJIFILM") == std::string::npos) {
+            return std::nullopt;
+        }
+        constexpr std::string_view kBoilerplate = "FUJIFILM DIGITAL CAMERA";
+        for (auto at = text.find(kBoilerplate); at != std::string::npos;
+             at = text.find(kBoilerplate)) {
+            text.erase(at, kBoilerplate.size());
+        }
+        QuickTime::MakeAndModel named{"FUJIFILM", std::nullopt};
+        if (auto trimmed = Unicode::trimWhitespace(text); !trimmed.empty()) {
+            named.model = std::move(trimmed);
+        }
+        return named;
+    };
+    return QuickTime::readDeviceAtoms(movieFile, fujifilm);
 }
 
 std::optional<std::string> deviceFromFilename(std::string_view name) {

@@ -1,5 +1,6 @@
 #include "TessarinEngine/platform/QuickTime.h"
 
+#include "TessarinEngine/MediaMetadata.h"
 #include "tests/support/QuickTimeWriter.h"
 
 #include <gtest/gtest.h>
@@ -92,7 +93,7 @@ TEST(QuickTime, FindsMakeAndModelInUserDataAtoms) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        EXPECT_EQ(QuickTime::readDeviceAtoms(c.bytes), c.expected);
+        EXPECT_EQ(MediaMetadata::readQuickTimeDeviceAtoms(c.bytes), c.expected);
     }
 }
 

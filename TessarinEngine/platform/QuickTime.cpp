@@ -53,6 +53,7 @@ std::string cleanAtomText(Bytes content) {
 }
 
 struct DeviceScan {
+    const InfoReader& info;
     std::optional<std::string> make;
     std::optional<std::string> model;
 
@@ -91,31 +92,17 @@ struct DeviceScan {
             }
             return;
         case fourcc("Info"):
-            if (box.size < 256) {
-                readFujifilmInfo(box.content);
+            if (box.size < 256 && info) {
+                if (auto named = info(cleanAtomText(box.content))) {
+                    make = std::move(named->make);
+                    if (named->model) {
+                        model = std::move(named->model);
+                    }
+                }
             }
             return;
         default:
             return;
-        }
-    }
-
-    // FUJIFILM cameras name themselves in a short "Info" atom, e.g. "FUJIFILM DIGITAL CAMERA
-    // X-T3"; other makers' Info atoms say nothing useful.
-    void readFujifilmInfo(Bytes content) {
-        const std::string text = Unicode::upper(cleanAtomText(content));
-        if (text.find("FUJIFILM") == std::string::npos) {
-            return;
-        }
-        make = "FUJIFILM";
-        std::string rest = text;
-        constexpr std::string_view kBoilerplate = "FUJIFILM DIGITAL CAMERA";
-        for (auto at = rest.find(kBoilerplate); at != std::string::npos;
-             at = rest.find(kBoilerplate)) {
-            rest.erase(at, kBoilerplate.size());
-        }
-        if (auto trimmed = Unicode::trimWhitespace(rest); !trimmed.empty()) {
-            model = std::move(trimmed);
         }
     }
 };
@@ -270,8 +257,8 @@ std::optional<Box> findBox(Bytes bytes, std::uint32_t type) {
     return found;
 }
 
-std::optional<std::string> readDeviceAtoms(Bytes file) {
-    DeviceScan scan;
+std::optional<std::string> readDeviceAtoms(Bytes file, const InfoReader& info) {
+    DeviceScan scan{info, {}, {}};
     scan.scan(file, 0);
     if (scan.make && scan.model) {
         return *scan.make + " " + *scan.model;

@@ -38,10 +38,20 @@ void forEachBox(Bytes bytes, const std::function<bool(const Box&)>& visit);
 // The first box of this type among `bytes`' boxes, or nothing.
 std::optional<Box> findBox(Bytes bytes, std::uint32_t type);
 
+// What a maker's own short "Info" atom says of the camera, as the reader of device identity
+// understands it: a make and, where it names one, a model; nothing for an Info atom it does not
+// know.
+struct MakeAndModel {
+    std::string make;
+    std::optional<std::string> model;
+};
+using InfoReader = std::function<std::optional<MakeAndModel>(std::string_view text)>;
+
 // The make and model a camera wrote into the movie's atoms: the user-data and item-list atoms
-// ("\xA9mak", "make", "\xA9mod") of moov/udta/meta/ilst down to nesting depth 5, and FUJIFILM's
-// "Info" atom. Make and model joined by a blank, or the one there is; nothing without either.
-std::optional<std::string> readDeviceAtoms(Bytes file);
+// ("\xA9mak", "make", "\xA9mod") of moov/udta/meta/ilst down to nesting depth 5, and the short
+// "Info" atoms that `info` understands. Make and model joined by a blank, or the one there is;
+// nothing without either.
+std::optional<std::string> readDeviceAtoms(Bytes file, const InfoReader& info = {});
 
 // One track of the movie, with its sample tables unparsed.
 struct Track {
