@@ -32,11 +32,6 @@ std::string baseName(const fs::path& p) {
     return withoutTrailingSeparator(p).stem().string();
 }
 
-std::string lowerExtension(const fs::path& p) {
-    const std::string ext = withoutTrailingSeparator(p).extension().string();
-    return ext.empty() ? std::string() : Collation::lowercased(ext.substr(1));
-}
-
 bool isVideoExtension(const std::string& lowerExt) {
     static const std::array<std::string_view, 9> kVideo = {"mov",  "mp4", "m4v", "mxf", "r3d",
                                                            "braw", "ari", "arx", "crm"};
@@ -127,7 +122,7 @@ Kinds kinds(const std::vector<fs::path>& files, const std::map<std::string, REDC
     Kinds k;
     for (const auto& f : files) {
         const bool isTake = takes.contains(f.string());
-        const std::string ext = lowerExtension(f);
+        const std::string ext = Files::lowerExtension(f);
         k.video = k.video || isTake || isVideoExtension(ext);
         k.audio = k.audio || (!isTake && isAudioExtension(ext));
     }
@@ -210,7 +205,7 @@ std::vector<TrackSource> IngestEngine::ingestFlat(const std::vector<IngestItem>&
     std::vector<IngestItem> kept;
     for (const auto& item : valid) {
         const fs::path parent = item.path.parent_path();
-        if (lowerExtension(item.path) == "r3d") {
+        if (Files::lowerExtension(item.path) == "r3d") {
             auto [it, fresh] = takeOfFolder.try_emplace(parent.string());
             if (fresh && REDCard::isTakeFolder(parent)) {
                 it->second = REDCard::take(parent);
@@ -342,7 +337,7 @@ std::string IngestEngine::trackName(const fs::path& hint) {
             }
         }
     }
-    if (lowerExtension(cur) == "rdm") {
+    if (Files::lowerExtension(cur) == "rdm") {
         return baseName(cur);
     }
     return fileName(cur);
@@ -384,7 +379,7 @@ std::string IngestEngine::uniqueName(std::string_view preferred, SourceType type
 
 SourceType IngestEngine::inferredType(const std::vector<ClipItem>& clips) {
     const bool video = std::any_of(clips.begin(), clips.end(), [](const ClipItem& c) {
-        return c.pictureURL || isVideoExtension(lowerExtension(c.url));
+        return c.pictureURL || isVideoExtension(Files::lowerExtension(c.url));
     });
     return video ? SourceType::video : SourceType::audio;
 }

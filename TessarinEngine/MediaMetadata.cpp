@@ -1,6 +1,7 @@
 #include "TessarinEngine/MediaMetadata.h"
 
 #include "TessarinEngine/BRAWAudio.h"
+#include "TessarinEngine/platform/Files.h"
 #include "TessarinEngine/platform/LocalTime.h"
 #include "TessarinEngine/platform/MappedFile.h"
 #include "TessarinEngine/platform/MediaProbe.h"
@@ -56,16 +57,6 @@ std::optional<long long> parseDecimal(std::string_view digits) {
         return std::nullopt;
     }
     return value;
-}
-
-std::string lowerExtension(const std::filesystem::path& url) {
-    std::string ext = url.extension().string();
-    if (!ext.empty()) {
-        ext.erase(0, 1);
-    }
-    std::transform(ext.begin(), ext.end(), ext.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return ext;
 }
 
 bool isOneOf(const std::string& ext, std::initializer_list<std::string_view> list) {
@@ -127,7 +118,7 @@ std::optional<WaveShape> readWaveShape(Bytes bytes) {
 class Clip {
 public:
     Clip(std::filesystem::path url, MappedFile file)
-        : url_(std::move(url)), ext_(lowerExtension(url_)), file_(std::move(file)),
+        : url_(std::move(url)), ext_(Files::lowerExtension(url_)), file_(std::move(file)),
           wave_(readWaveShape(file_.bytes())), isRiffWave_(Riff::isWave(file_.bytes())) {}
 
     const std::filesystem::path& url() const { return url_; }

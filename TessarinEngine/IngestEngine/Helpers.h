@@ -21,8 +21,6 @@ std::filesystem::path withoutTrailingSeparator(const std::filesystem::path& p);
 std::string fileName(const std::filesystem::path& p);
 // The last path component without its extension.
 std::string baseName(const std::filesystem::path& p);
-// The extension without its dot, lowercased; "" when there is none.
-std::string lowerExtension(const std::filesystem::path& p);
 
 bool isVideoExtension(const std::string& lowerExt);
 bool isAudioExtension(const std::string& lowerExt);

@@ -1,5 +1,7 @@
 #include "TessarinEngine/platform/Files.h"
 
+#include "TessarinEngine/platform/Collation.h"
+
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
@@ -46,6 +48,15 @@ std::optional<Status> status(const std::filesystem::path& path, bool followLinks
     };
     return Status{static_cast<std::int64_t>(st.st_size), ns(st.st_mtim), ns(st.st_atim),
                   S_ISREG(st.st_mode)};
+}
+
+std::string lowerExtension(const std::filesystem::path& path) {
+    std::string text = path.string();
+    while (text.size() > 1 && text.back() == '/') {
+        text.pop_back();
+    }
+    const std::string ext = std::filesystem::path(text).extension().string();
+    return ext.empty() ? std::string() : Collation::lowercased(ext.substr(1));
 }
 
 bool removeName(const std::filesystem::path& path) {

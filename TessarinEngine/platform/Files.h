@@ -53,6 +53,10 @@ struct Status {
 };
 std::optional<Status> status(const std::filesystem::path& path, bool followLinks = true);
 
+// The extension of the last part of a path, without its dot, in lower case ("WAV" and "wav" are
+// one extension); a trailing separator is no part. Empty when there is none.
+std::string lowerExtension(const std::filesystem::path& path);
+
 // Removes the name itself: a link goes, never what it points to. False when nothing was removed.
 bool removeName(const std::filesystem::path& path);
 
