@@ -131,11 +131,7 @@ TrackSource IngestEngine::recomputeOffsets(TrackSource source) {
 }
 
 void IngestEngine::recomputeOffsets(std::size_t si, std::vector<TrackSource>& sources) {
-    double offset = 0;
-    for (auto& clip : sources[si].clips) {
-        clip.startOffset = offset;
-        offset += clip.duration;
-    }
+    sources[si] = recomputeOffsets(std::move(sources[si]));
 }
 
 std::vector<TrackSource> IngestEngine::sortSources(std::vector<TrackSource> sources) {
