@@ -13,20 +13,11 @@
 
 namespace {
 
-std::optional<std::string> readAll(std::istream& in) {
-    std::ostringstream buffer;
-    buffer << in.rdbuf();
-    if (in.bad()) {
-        return std::nullopt;
-    }
-    return buffer.str();
-}
-
 int runRequest(const CommandLine& cl) {
     std::optional<std::string> bytes;
     if (cl.useStdin) {
         std::ios::sync_with_stdio(false);
-        bytes = readAll(std::cin);
+        bytes = Files::readAll(std::cin);
     } else {
         bytes = Files::readToEnd(*cl.inputPath);
         if (!bytes) {

@@ -1,3 +1,4 @@
+#include "TessarinEngine/platform/Files.h"
 #include "TessarinEngineCLI/Events.h"
 #include "TessarinTimeline/TimelineCommand.h"
 
@@ -5,19 +6,6 @@
 #include <fstream>
 #include <iostream>
 #include <sstream>
-
-namespace {
-
-std::optional<std::string> readAll(std::istream& in) {
-    std::ostringstream buffer;
-    buffer << in.rdbuf();
-    if (in.bad()) {
-        return std::nullopt;
-    }
-    return buffer.str();
-}
-
-} // namespace
 
 int main(int argc, char** argv) {
     const auto cl = TimelineCommand::parse(std::vector<std::string>(argv + 1, argv + argc));
@@ -33,12 +21,12 @@ int main(int argc, char** argv) {
     std::optional<std::string> events;
     if (options.useStdin) {
         std::ios::sync_with_stdio(false);
-        events = readAll(std::cin);
+        events = Files::readAll(std::cin);
     } else if (std::error_code ec; !std::filesystem::is_directory(*options.inputPath, ec)) {
         // Any file that opens for reading will do, pipes included.
         std::ifstream in(*options.inputPath, std::ios::binary);
         if (in) {
-            events = readAll(in);
+            events = Files::readAll(in);
         }
     }
     if (!events) {

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <pwd.h>
+#include <sstream>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -57,6 +58,15 @@ std::string lowerExtension(const std::filesystem::path& path) {
     }
     const std::string ext = std::filesystem::path(text).extension().string();
     return ext.empty() ? std::string() : Collation::lowercased(ext.substr(1));
+}
+
+std::optional<std::string> readAll(std::istream& in) {
+    std::ostringstream buffer;
+    buffer << in.rdbuf();
+    if (in.bad()) {
+        return std::nullopt;
+    }
+    return buffer.str();
 }
 
 bool removeName(const std::filesystem::path& path) {

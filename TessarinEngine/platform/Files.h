@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <istream>
 #include <optional>
 #include <span>
 #include <string>
@@ -56,6 +57,9 @@ std::optional<Status> status(const std::filesystem::path& path, bool followLinks
 // The extension of the last part of a path, without its dot, in lower case ("WAV" and "wav" are
 // one extension); a trailing separator is no part. Empty when there is none.
 std::string lowerExtension(const std::filesystem::path& path);
+
+// Everything a stream gives up to its end (standard input, a pipe); nothing when reading fails.
+std::optional<std::string> readAll(std::istream& in);
 
 // Removes the name itself: a link goes, never what it points to. False when nothing was removed.
 bool removeName(const std::filesystem::path& path);
