@@ -61,8 +61,10 @@ constexpr std::string_view kDot = " \u00B7 ";
 } // namespace
 
 bool isCodeWithoutScore(std::string_view code) {
-    return code == "ref" || code == "interp" || code == "interp-noaudio" || code == "clock" ||
-           code == "unlinked" || code == "sibling-ch" || code == "chapter";
+    return code == PlacementCode::ref || code == PlacementCode::interp ||
+           code == PlacementCode::interpNoAudio || code == PlacementCode::clock ||
+           code == PlacementCode::unlinked || code == PlacementCode::siblingCh ||
+           code == PlacementCode::chapter;
 }
 
 std::string ClipItem::placementExplanation() const {
@@ -78,24 +80,26 @@ std::string ClipItem::placementExplanation() const {
     }
 
     static const std::map<std::string_view, std::string_view> ownSentences = {
-        {"ref", "Reference track \u2014 everything else is measured against it"},
-        {"linked", "Long recorder linked to the reference by content consensus"},
-        {"unlinked",
+        {PlacementCode::ref, "Reference track \u2014 everything else is measured against it"},
+        {PlacementCode::linked, "Long recorder linked to the reference by content consensus"},
+        {PlacementCode::unlinked,
          "Long recorder with no audio in common with the reference \u2014 placed after it"},
-        {"sibling-ch", "Channel of the same recorder \u2014 follows its lead track"},
-        {"clock", "No audio match nearby \u2014 placed by the device clock"},
-        {"stack-alone", "No other take shares this audio \u2014 placed in shooting order"},
-        {"stack", "Stacked with takes sharing the same audio"},
-        {"sibling", "Placed alongside a matched clip from the same camera"},
-        {"A3cam", "Matched a sibling camera \u2014 no external recorder nearby"},
-        {"A3cluster", "Synced only against other cameras \u2014 no external recorder nearby"},
-        {"A3b-broll", "Long take placed via nearby B-roll"},
-        {"chapter", "Continues the previous chapter of the same recording"},
+        {PlacementCode::siblingCh, "Channel of the same recorder \u2014 follows its lead track"},
+        {PlacementCode::clock, "No audio match nearby \u2014 placed by the device clock"},
+        {PlacementCode::stackAlone,
+         "No other take shares this audio \u2014 placed in shooting order"},
+        {PlacementCode::stack, "Stacked with takes sharing the same audio"},
+        {PlacementCode::sibling, "Placed alongside a matched clip from the same camera"},
+        {PlacementCode::A3cam, "Matched a sibling camera \u2014 no external recorder nearby"},
+        {PlacementCode::A3cluster,
+         "Synced only against other cameras \u2014 no external recorder nearby"},
+        {PlacementCode::A3bBroll, "Long take placed via nearby B-roll"},
+        {PlacementCode::chapter, "Continues the previous chapter of the same recording"},
     };
 
     const std::string code = placementPass.value_or("");
     std::string text;
-    if (code.empty() || code == "interp" || code == "interp-noaudio") {
+    if (code.empty() || code == PlacementCode::interp || code == PlacementCode::interpNoAudio) {
         constexpr double kComparedMinimum = 5.0;
         text =
             duration < kComparedMinimum

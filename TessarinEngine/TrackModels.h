@@ -36,6 +36,32 @@ std::string_view toString(ClockQuality quality);
 // The quality of a raw value, or nothing above 4 (and below 0).
 std::optional<ClockQuality> clockQualityFromRaw(int raw);
 
+// The codes a clip's `placementPass` holds: how the engine laid it. Some decide what enters the
+// audio pool, so every stage names them from here; `ClipItem::placementExplanation` gives each its
+// sentence.
+namespace PlacementCode {
+inline constexpr const char* A1 = "A1";               // a Pass 1 anchor
+inline constexpr const char* A1w = "A1w";             // an anchor found by window votes
+inline constexpr const char* A3 = "A3";               // a fill between anchors
+inline constexpr const char* A3b = "A3b";             // a fill by a wider rescue
+inline constexpr const char* A3bBroll = "A3b-broll";  // a long take found near its B-roll
+inline constexpr const char* A3cam = "A3cam";         // matched against a sibling camera
+inline constexpr const char* A3cluster = "A3cluster"; // linked among cameras only
+inline constexpr const char* A4 = "A4";               // found by a whole-pool probe
+inline constexpr const char* p1 = "p1";               // a Pass 1 hit not yet accepted
+inline constexpr const char* interp = "interp";       // laid between neighbours
+inline constexpr const char* interpNoAudio = "interp-noaudio";
+inline constexpr const char* clock = "clock";          // laid by the device clock
+inline constexpr const char* ref = "ref";              // a clip of the reference track
+inline constexpr const char* linked = "linked";        // a long backup linked by content
+inline constexpr const char* unlinked = "unlinked";    // a long backup parked after the reference
+inline constexpr const char* sibling = "sibling";      // alongside a matched clip of its camera
+inline constexpr const char* siblingCh = "sibling-ch"; // a channel that follows its lead
+inline constexpr const char* chapter = "chapter";      // continues its recording's chapter
+inline constexpr const char* stack = "stack";
+inline constexpr const char* stackAlone = "stack-alone";
+} // namespace PlacementCode
+
 struct ClipItem {
     Uuid id = Uuid::random();
     std::filesystem::path url;

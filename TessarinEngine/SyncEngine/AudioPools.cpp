@@ -63,10 +63,10 @@ void refreshMatchSpans(Run& run) {
             }
             const auto& clip = track.clips[ci];
             const auto pass = clip.placementPass.value_or("");
-            if (pass == "unlinked") {
+            if (pass == PlacementCode::unlinked) {
                 continue;
             }
-            if (strict && (pass == "interp" || pass == "clock")) {
+            if (strict && (pass == PlacementCode::interp || pass == PlacementCode::clock)) {
                 continue;
             }
             if (clip.duration < kShortestMatched) {

@@ -179,7 +179,7 @@ void ChainState::placeChapters(Run& run) {
         const auto it = run.placementLog.find(clips[*lead].id);
         const float score = it != run.placementLog.end() ? it->second.score : kStrongScore;
         run.placementLog[clips[i].id] =
-            PlacementRecord{pos, score, "chapter", refs[*lead], std::nullopt};
+            PlacementRecord{pos, score, PlacementCode::chapter, refs[*lead], std::nullopt};
         setClip(run, i, pos, Placement::matched);
     }
 }
@@ -198,7 +198,7 @@ void ChainState::placeByProvenClocks(Run& run) {
         clockLaid.insert(i);
         posOf[i] = pos;
         run.placementLog[clips[i].id] =
-            PlacementRecord{pos, 0.0f, "clock", std::nullopt, std::nullopt};
+            PlacementRecord{pos, 0.0f, PlacementCode::clock, std::nullopt, std::nullopt};
     }
 }
 
@@ -261,25 +261,25 @@ void ChainState::setClip(Run& run, int i, double pos, Placement how) {
             clip.syncStatus = statusForScore(it->second.score);
             clip.matchScore = it->second.score;
             clip.placementPass = it->second.kind;
-            if (it->second.kind == "chapter") {
+            if (it->second.kind == PlacementCode::chapter) {
                 // A chapter measured nothing of its own: it is as sure as the chapter it follows.
                 clip.matchScore.reset();
             }
         } else {
             clip.syncStatus = SyncStatus::synced;
             clip.matchScore.reset();
-            clip.placementPass = "A1";
+            clip.placementPass = PlacementCode::A1;
         }
         break;
     case Placement::clock:
         clip.syncStatus = audible ? SyncStatus::weak : SyncStatus::pending;
         clip.matchScore.reset();
-        clip.placementPass = "clock";
+        clip.placementPass = PlacementCode::clock;
         break;
     case Placement::interp:
         clip.syncStatus = audible ? SyncStatus::failed : SyncStatus::pending;
         clip.matchScore.reset();
-        clip.placementPass = audible ? "interp" : "interp-noaudio";
+        clip.placementPass = audible ? PlacementCode::interp : PlacementCode::interpNoAudio;
         break;
     }
     clip.startOffset = pos;
@@ -380,8 +380,8 @@ bool runPass1(Run& run, ChainState& chain, const std::vector<Pass1Job>& jobs,
             advanceProgress(run, job.name, 0.5);
             if (match && match->score >= kStrongScore) {
                 chain.hits[job.index] = *match;
-                run.placementLog[chain.clips[job.index].id] =
-                    PlacementRecord{match->pos, match->score, "p1", match->partner, std::nullopt};
+                run.placementLog[chain.clips[job.index].id] = PlacementRecord{
+                    match->pos, match->score, PlacementCode::p1, match->partner, std::nullopt};
             }
             return true;
         });
@@ -414,7 +414,7 @@ void syncClipChain(Run& run, const std::vector<ClipRef>& refs, const std::string
     for (int i : longestConsistentChain(pairs, chain.prefixDur, kChainSlack)) {
         chain.placed.insert(i);
         chain.strong.insert(i);
-        chain.placeAnchor(run, i, chain.hits.at(i), "A1");
+        chain.placeAnchor(run, i, chain.hits.at(i), PlacementCode::A1);
     }
     chain.dropAgainstProvenClocks(run);
     chain.placeChapters(run);
@@ -437,7 +437,7 @@ void syncClipChain(Run& run, const std::vector<ClipRef>& refs, const std::string
         if (w.lo < w.hi) {
             const auto m = clipMatch(run, refs[i].si, refs[i].ci, w.lo, w.hi, pass3Spans);
             if (m && m->score >= kWeakScore) {
-                chain.acceptFill(run, i, *m, w.lo, w.hi, "A3");
+                chain.acceptFill(run, i, *m, w.lo, w.hi, PlacementCode::A3);
             }
         }
         advanceProgress(run, clipName(chain.clips[i]), 0.5);

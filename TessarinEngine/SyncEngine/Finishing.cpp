@@ -83,23 +83,23 @@ void mirrorChannel(Run& run, int si, int lead) {
             clip.startOffset = lp.off;
             clip.syncStatus = lp.status;
             clip.matchScore = lp.score;
-            clip.placementPass = "sibling-ch";
+            clip.placementPass = PlacementCode::siblingCh;
             clip.placementNote = "channel of '" + leadName + "'";
             if (lp.pass) {
                 *clip.placementNote += " (" + *lp.pass + ")";
             }
-            run.placementLog[clip.id] = PlacementRecord{lp.off, lp.score.value_or(0.0f),
-                                                        "sibling-ch", lp.clip, std::nullopt};
+            run.placementLog[clip.id] = PlacementRecord{
+                lp.off, lp.score.value_or(0.0f), PlacementCode::siblingCh, lp.clip, std::nullopt};
             ++mirrored;
             cursor = lp.off + clip.duration;
         } else {
             clip.startOffset = cursor;
             clip.syncStatus = SyncStatus::weak;
             clip.matchScore.reset();
-            clip.placementPass = "interp";
+            clip.placementPass = PlacementCode::interp;
             clip.placementNote = "no matching take on '" + leadName + "'";
-            run.placementLog[clip.id] =
-                PlacementRecord{std::nullopt, 0.0f, "interp", std::nullopt, std::nullopt};
+            run.placementLog[clip.id] = PlacementRecord{std::nullopt, 0.0f, PlacementCode::interp,
+                                                        std::nullopt, std::nullopt};
             cursor += clip.duration;
         }
         reportPlace(run, clip);
@@ -180,7 +180,7 @@ void followLeads(Run& run) {
         }
         for (int ci : regionClipsOf(run, si)) {
             auto& clip = run.sources[si].clips[ci];
-            if (clip.placementPass != "sibling-ch" || !clip.siblingLeaderID) {
+            if (clip.placementPass != PlacementCode::siblingCh || !clip.siblingLeaderID) {
                 continue;
             }
             const auto leader =
@@ -278,7 +278,8 @@ void logLayoutAndDone(const Run& run) {
             const std::string score =
                 logged ? format("score=%.1f", static_cast<double>(entry->second.score))
                        : std::string("score= — ");
-            const std::string kind = logged ? entry->second.kind : std::string("interp");
+            const std::string kind =
+                logged ? entry->second.kind : std::string(PlacementCode::interp);
             EngineLog::log(format("[SyncEngine]    %s  start=%.1fs  end=%.1fs  %s  %s %s [%s]",
                                   padded(clipName(clip), 28).c_str(), clip.startOffset,
                                   clip.startOffset + clip.duration,

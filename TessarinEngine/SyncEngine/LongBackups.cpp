@@ -181,10 +181,10 @@ void placeBackupLinked(Run& run, int si, double offset) {
         clip.startOffset = cursor;
         clip.syncStatus = SyncStatus::synced;
         clip.matchScore.reset();
-        clip.placementPass = "linked";
+        clip.placementPass = PlacementCode::linked;
         reportPlace(run, clip);
         run.placementLog[clip.id] =
-            PlacementRecord{cursor, 0.0f, "linked", std::nullopt, std::nullopt};
+            PlacementRecord{cursor, 0.0f, PlacementCode::linked, std::nullopt, std::nullopt};
         cursor += clip.duration;
         advanceProgress(run, clipName(clip));
     }
@@ -206,11 +206,11 @@ void placeUnlinked(Run& run, int si) {
         clip.startOffset = cursor;
         clip.syncStatus = SyncStatus::weak;
         clip.matchScore.reset();
-        clip.placementPass = "unlinked";
+        clip.placementPass = PlacementCode::unlinked;
         clip.placementNote = note;
         reportPlace(run, clip);
         run.placementLog[clip.id] =
-            PlacementRecord{cursor, 0.0f, "unlinked", std::nullopt, std::nullopt};
+            PlacementRecord{cursor, 0.0f, PlacementCode::unlinked, std::nullopt, std::nullopt};
         cursor += clip.duration;
         advanceProgress(run, clipName(clip));
     }

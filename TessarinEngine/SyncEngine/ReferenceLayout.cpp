@@ -171,9 +171,9 @@ bool layoutReference(Run& run) {
         clip.startOffset = pos;
         clip.syncStatus = SyncStatus::synced;
         clip.matchScore.reset();
-        clip.placementPass = "ref";
+        clip.placementPass = PlacementCode::ref;
         run.placementLog[clip.id] =
-            PlacementRecord{std::nullopt, 0.0f, "ref", std::nullopt, std::nullopt};
+            PlacementRecord{std::nullopt, 0.0f, PlacementCode::ref, std::nullopt, std::nullopt};
         reportPlace(run, clip);
         if (clip.duration >= kShortestMatched) {
             region.matchSpans.push_back(spanOf(run, ClipRef{ref, ci}));

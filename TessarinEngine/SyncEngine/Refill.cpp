@@ -71,19 +71,19 @@ float measuredScore(const Run& run, const ClipItem& clip) {
 
 bool placedByEvidence(const ClipItem& clip) {
     const auto pass = clip.placementPass.value_or("");
-    return clip.syncStatus == SyncStatus::synced && !pass.empty() && pass != "clock" &&
-           pass != "interp" && pass != "interp-noaudio" && pass != "unlinked" &&
-           pass != "sibling-ch";
+    return clip.syncStatus == SyncStatus::synced && !pass.empty() && pass != PlacementCode::clock &&
+           pass != PlacementCode::interp && pass != PlacementCode::interpNoAudio &&
+           pass != PlacementCode::unlinked && pass != PlacementCode::siblingCh;
 }
 
 bool laidWithoutAudio(const ClipItem& clip) {
     const auto pass = clip.placementPass.value_or("");
-    return pass == "clock" || pass == "interp";
+    return pass == PlacementCode::clock || pass == PlacementCode::interp;
 }
 
 bool weaklyMatched(const ClipItem& clip) {
     return clip.syncStatus == SyncStatus::weak && clip.matchScore &&
-           clip.placementPass.value_or("") != "sibling-ch";
+           clip.placementPass.value_or("") != PlacementCode::siblingCh;
 }
 
 // Every clip of the region that was placed with evidence, but for the clips of `own`; with
@@ -96,9 +96,9 @@ std::vector<PoolSpan> refillPool(const Run& run, int own, bool clockLaid, bool w
             clip.audioUsability != AudioUsability::ok) {
             continue;
         }
-        if (placedByEvidence(clip) || (clockLaid && clip.placementPass == "clock") ||
-            (weak && (weaklyMatched(clip) ||
-                      (clip.placementPass == "chapter" && clip.syncStatus == SyncStatus::weak)))) {
+        if (placedByEvidence(clip) || (clockLaid && clip.placementPass == PlacementCode::clock) ||
+            (weak && (weaklyMatched(clip) || (clip.placementPass == PlacementCode::chapter &&
+                                              clip.syncStatus == SyncStatus::weak)))) {
             pool.push_back(spanOf(run, r));
         }
     }
@@ -113,7 +113,8 @@ bool refillable(const Run& run, int si) {
     }
     for (int ci : regionClipsOf(run, si)) {
         const auto pass = run.sources[si].clips[ci].placementPass.value_or("");
-        if (pass == "sibling-ch" || pass == "linked" || pass == "unlinked") {
+        if (pass == PlacementCode::siblingCh || pass == PlacementCode::linked ||
+            pass == PlacementCode::unlinked) {
             return false;
         }
     }
@@ -195,7 +196,7 @@ int refillTrack(Run& run, int si, bool clockLaid, float least, SearchMemo& memo)
                            (std::abs(m->pos - clip.startOffset) > kClockSearch &&
                             m->score <= measuredScore(run, clip)));
         if (m && !same && m->score >= (clock ? kStrongScore : least) &&
-            chain.acceptFill(run, i, *m, w.lo, w.hi, "A3")) {
+            chain.acceptFill(run, i, *m, w.lo, w.hi, PlacementCode::A3)) {
             logDetail(format("'%s' found on a second look @ %.1fs score=%.1f",
                              clipName(clip).c_str(), chain.posOf.at(i), m->score));
             ++found;
@@ -220,7 +221,8 @@ void reflowChapters(Run& run, int si) {
         std::optional<int> lead;
         for (const auto& [index, ci] : chapters) {
             const auto& clip = clips[ci];
-            if (clip.matchScore && clip.placementPass != "chapter" && !laidWithoutAudio(clip) &&
+            if (clip.matchScore && clip.placementPass != PlacementCode::chapter &&
+                !laidWithoutAudio(clip) &&
                 (clip.syncStatus == SyncStatus::synced || clip.syncStatus == SyncStatus::weak) &&
                 (!lead || measuredScore(run, clip) > measuredScore(run, clips[*lead]))) {
                 lead = ci;
@@ -235,7 +237,7 @@ void reflowChapters(Run& run, int si) {
             auto& clip = clips[ci];
             // A chapter that found a strong match of its own keeps it.
             if (ci == *lead || (clip.syncStatus == SyncStatus::synced && clip.matchScore &&
-                                clip.placementPass != "chapter")) {
+                                clip.placementPass != PlacementCode::chapter)) {
                 continue;
             }
             double between = 0;
@@ -247,17 +249,18 @@ void reflowChapters(Run& run, int si) {
             }
             const double pos =
                 index > head.chapterIndex ? head.startOffset + between : head.startOffset - between;
-            if (std::abs(pos - clip.startOffset) < 1e-3 && clip.placementPass == "chapter") {
+            if (std::abs(pos - clip.startOffset) < 1e-3 &&
+                clip.placementPass == PlacementCode::chapter) {
                 continue;
             }
             const float score = leadLog != run.placementLog.end() ? leadLog->second.score
                                                                   : head.matchScore.value_or(0);
-            run.placementLog[clip.id] =
-                PlacementRecord{pos, score, "chapter", ClipRef{si, *lead}, std::nullopt};
+            run.placementLog[clip.id] = PlacementRecord{pos, score, PlacementCode::chapter,
+                                                        ClipRef{si, *lead}, std::nullopt};
             clip.startOffset = pos;
             clip.syncStatus = head.syncStatus;
             clip.matchScore.reset();
-            clip.placementPass = "chapter";
+            clip.placementPass = PlacementCode::chapter;
             clip.placementNote.reset();
             reportPlace(run, clip);
         }
@@ -297,7 +300,7 @@ int refillShortTrack(Run& run, int si) {
                              clipName(clip).c_str(), m->pos, m->score, shortFloor(clip.duration)));
         }
         if (m && m->score >= shortFloor(clip.duration) &&
-            chain.acceptFill(run, i, *m, w.lo, w.hi, "A3")) {
+            chain.acceptFill(run, i, *m, w.lo, w.hi, PlacementCode::A3)) {
             logDetail(format("'%s' short clip found near its clock @ %.1fs score=%.1f",
                              clipName(clip).c_str(), chain.posOf.at(i), m->score));
             ++found;

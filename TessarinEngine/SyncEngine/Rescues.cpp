@@ -42,7 +42,8 @@ std::optional<Window> brollPriorWindow(const Run& run, double lo, double hi, dou
             const auto pass = clip.placementPass.value_or("");
             if (clip.duration < kLongTake &&
                 (clip.syncStatus == SyncStatus::synced || clip.syncStatus == SyncStatus::weak) &&
-                (pass == "A1" || pass == "A3" || pass == "A3b" || pass == "p1") &&
+                (pass == PlacementCode::A1 || pass == PlacementCode::A3 ||
+                 pass == PlacementCode::A3b || pass == PlacementCode::p1) &&
                 clip.startOffset >= lo && clip.startOffset <= hi) {
                 starts.push_back(clip.startOffset);
             }
@@ -150,7 +151,8 @@ bool longRescueChain(Run& run, ChainState& chain) {
         const auto& ref = chain.refs[i];
         const auto& spans = *chain.checkSpans;
         const auto m = clipMatch(run, ref.si, ref.ci, w.lo, w.hi, spans);
-        if (m && m->score >= kWeakScore && chain.acceptFill(run, i, *m, w.lo, w.hi, "A3b")) {
+        if (m && m->score >= kWeakScore &&
+            chain.acceptFill(run, i, *m, w.lo, w.hi, PlacementCode::A3b)) {
             logDetail(format("long rescue '%s' @ %.1fs score=%.1f (window %.0f…%.0f)",
                              nameOf(chain, i).c_str(), chain.posOf.at(i), m->score, w.lo, w.hi));
             return;
@@ -159,7 +161,7 @@ bool longRescueChain(Run& run, ChainState& chain) {
             const auto m2 = clipMatch(run, ref.si, ref.ci, prior->lo, prior->hi, spans);
             if (m2 && m2->score >= kWeakScore &&
                 chain.acceptFill(run, i, *m2, std::max(w.lo, prior->lo), std::min(w.hi, prior->hi),
-                                 "A3b-broll")) {
+                                 PlacementCode::A3bBroll)) {
                 logDetail(format("long rescue '%s' @ %.1fs score=%.1f via B-roll prior (%.0f…%.0f)",
                                  nameOf(chain, i).c_str(), chain.posOf.at(i), m2->score, prior->lo,
                                  prior->hi));
@@ -209,7 +211,7 @@ bool cameraCross(Run& run, ChainState& chain) {
         chain.placed.insert(i);
         chain.posOf[i] = p;
         run.placementLog[chain.clips[i].id] =
-            PlacementRecord{p, best->score, "A3cam", best->partner, std::nullopt};
+            PlacementRecord{p, best->score, PlacementCode::A3cam, best->partner, std::nullopt};
         chain.setClip(run, i, p, Placement::matched);
         logDetail(format("camera cross '%s' @ %.1fs score=%.1f (matched a sibling camera, no "
                          "external audio nearby)",
@@ -324,7 +326,7 @@ void cameraCluster(Run& run, ChainState& chain) {
             const std::optional<ClipRef> partner =
                 k == master ? std::nullopt : std::optional<ClipRef>(chain.refs[U[members[master]]]);
             run.placementLog[chain.clips[i].id] =
-                PlacementRecord{p, score, "A3cluster", partner, std::nullopt};
+                PlacementRecord{p, score, PlacementCode::A3cluster, partner, std::nullopt};
             chain.setClip(run, i, p, Placement::matched);
         }
     }
@@ -379,7 +381,8 @@ void siblingProp(Run& run, ChainState& chain) {
             it != run.placementLog.end()) {
             score = it->second.score;
         }
-        run.placementLog[ci.id] = PlacementRecord{p, score, "sibling", chain.refs[j], std::nullopt};
+        run.placementLog[ci.id] =
+            PlacementRecord{p, score, PlacementCode::sibling, chain.refs[j], std::nullopt};
         chain.setClip(run, i, p, Placement::matched);
         run.clip(chain.refs[i]).placementNote = "alongside '" + nameOf(chain, j) + "'";
         logDetail(format("sibling prop '%s' ← '%s' @ %.1fs", nameOf(chain, i).c_str(),
@@ -391,7 +394,8 @@ bool longRescueTrack(Run& run, ChainState& chain, const std::vector<PoolSpan>& p
     const bool finished = forEachLongTake(run, chain, [&](int k, const Window& w) {
         const auto& ref = chain.refs[k];
         const auto m = clipMatch(run, ref.si, ref.ci, w.lo, w.hi, pool);
-        if (m && m->score >= kWeakScore && chain.acceptFill(run, k, *m, w.lo, w.hi, "A3b")) {
+        if (m && m->score >= kWeakScore &&
+            chain.acceptFill(run, k, *m, w.lo, w.hi, PlacementCode::A3b)) {
             logDetail(format("long rescue '%s' @ %.1fs score=%.1f (track '%s')",
                              nameOf(chain, k).c_str(), chain.posOf.at(k), m->score,
                              run.sources[ref.si].name.c_str()));

@@ -82,8 +82,8 @@ bool seedFromWholePool(Run& run, ChainState& chain, const std::vector<PoolSpan>&
         chain.placed.insert(k);
         chain.strong.insert(k);
         chain.posOf[k] = m.pos;
-        run.placementLog[chain.clips[k].id] =
-            PlacementRecord{m.pos, evidenceScore(run, m), "A1w", m.partner, std::nullopt};
+        run.placementLog[chain.clips[k].id] = PlacementRecord{
+            m.pos, evidenceScore(run, m), PlacementCode::A1w, m.partner, std::nullopt};
         chain.setClip(run, k, m.pos, Placement::matched);
     }
     if (!chosen.empty()) {
@@ -117,7 +117,7 @@ void probeOneClip(Run& run, ChainState& chain, int k, const std::vector<PoolSpan
     const std::string name = clipName(clip);
     if (lo - kProbeOrderTolerance <= m->pos && m->pos <= hi + kProbeOrderTolerance) {
         const double hi2 = hi > kNoUpperBracket ? m->pos : hi;
-        chain.acceptFill(run, k, *m, std::max(lo, 0.0), hi2, "A4");
+        chain.acceptFill(run, k, *m, std::max(lo, 0.0), hi2, PlacementCode::A4);
         const auto it = chain.posOf.find(k);
         const double shown = it != chain.posOf.end() ? it->second : m->pos;
         logDetail(format("'%s' found by whole-pool probe @ %.1fs score=%.1f — no bracket",
@@ -164,7 +164,7 @@ TrackResult syncOneTrack(Run& run, int si) {
         for (int k : anchors) {
             chain.placed.insert(k);
             chain.strong.insert(k);
-            chain.placeAnchor(run, k, chain.hits.at(k), "A1");
+            chain.placeAnchor(run, k, chain.hits.at(k), PlacementCode::A1);
         }
     } else {
         hotSpot = seedFromWholePool(run, chain, pool, trackName);
@@ -186,7 +186,7 @@ TrackResult syncOneTrack(Run& run, int si) {
             if (w.lo < w.hi) {
                 const auto m = bestMatch(pool, chain.clips[k].bandFeature, w.lo, w.hi);
                 if (m && m->score >= kWeakScore) {
-                    chain.acceptFill(run, k, *m, w.lo, w.hi, "A3");
+                    chain.acceptFill(run, k, *m, w.lo, w.hi, PlacementCode::A3);
                 }
             }
             advanceProgress(run, clipName(chain.clips[k]), 0.5);
@@ -218,7 +218,7 @@ TrackResult syncOneTrack(Run& run, int si) {
             if (clip.syncStatus == SyncStatus::failed) {
                 clip.syncStatus = SyncStatus::weak;
                 if (!clip.placementPass) {
-                    clip.placementPass = "interp";
+                    clip.placementPass = PlacementCode::interp;
                 }
             }
         }

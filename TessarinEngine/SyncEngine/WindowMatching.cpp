@@ -189,7 +189,8 @@ float evidenceScore(const Run& run, const Match& m) {
     }
     const auto& partner = run.clip(*m.partner);
     const auto pass = partner.placementPass.value_or("");
-    if (partner.syncStatus == SyncStatus::synced && pass != "clock" && pass != "interp") {
+    if (partner.syncStatus == SyncStatus::synced && pass != PlacementCode::clock &&
+        pass != PlacementCode::interp) {
         return m.score;
     }
     return std::min(m.score, partner.matchScore.value_or(kWeakScore));
