@@ -172,15 +172,12 @@ void ChainState::placeChapters(Run& run) {
         const double pos = clips[*lead].chapterIndex < clips[i].chapterIndex
                                ? posOf.at(*lead) + between
                                : posOf.at(*lead) - between;
-        placed.insert(i);
         strong.insert(i);
         clockLaid.erase(i);
-        posOf[i] = pos;
         const auto it = run.placementLog.find(clips[*lead].id);
         const float score = it != run.placementLog.end() ? it->second.score : kStrongScore;
-        run.placementLog[clips[i].id] =
-            PlacementRecord{pos, score, PlacementCode::chapter, refs[*lead], std::nullopt};
-        setClip(run, i, pos, Placement::matched);
+        place(run, i, pos,
+              PlacementRecord{pos, score, PlacementCode::chapter, refs[*lead], std::nullopt});
     }
 }
 
@@ -290,6 +287,13 @@ void ChainState::setClip(Run& run, int i, double pos, Placement how) {
         checkTimecode(clip, pos, *checkSpans);
     }
     reportPlace(run, clip);
+}
+
+void ChainState::place(Run& run, int i, double pos, const PlacementRecord& record) {
+    placed.insert(i);
+    posOf[i] = pos;
+    run.placementLog[clips[i].id] = record;
+    setClip(run, i, pos, Placement::matched);
 }
 
 void ChainState::placeAnchor(Run& run, int i, Match m, const std::string& kind) {

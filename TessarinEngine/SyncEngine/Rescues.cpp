@@ -208,11 +208,9 @@ bool cameraCross(Run& run, ChainState& chain) {
         if (chain.clockOverrules(i, best->score, p)) {
             continue;
         }
-        chain.placed.insert(i);
-        chain.posOf[i] = p;
-        run.placementLog[chain.clips[i].id] =
-            PlacementRecord{p, best->score, PlacementCode::A3cam, best->partner, std::nullopt};
-        chain.setClip(run, i, p, Placement::matched);
+        chain.place(
+            run, i, p,
+            PlacementRecord{p, best->score, PlacementCode::A3cam, best->partner, std::nullopt});
         logDetail(format("camera cross '%s' @ %.1fs score=%.1f (matched a sibling camera, no "
                          "external audio nearby)",
                          nameOf(chain, i).c_str(), p, best->score));
@@ -313,8 +311,6 @@ void cameraCluster(Run& run, ChainState& chain) {
         for (int k = 0; k < static_cast<int>(members.size()); ++k) {
             const int i = U[members[k]];
             const double p = base + off[k];
-            chain.placed.insert(i);
-            chain.posOf[i] = p;
             float score = kPresumedScore;
             for (const auto& x : inside) {
                 if (x.from == k || x.to == k) {
@@ -325,9 +321,8 @@ void cameraCluster(Run& run, ChainState& chain) {
             // The cluster hangs together by its longest member.
             const std::optional<ClipRef> partner =
                 k == master ? std::nullopt : std::optional<ClipRef>(chain.refs[U[members[master]]]);
-            run.placementLog[chain.clips[i].id] =
-                PlacementRecord{p, score, PlacementCode::A3cluster, partner, std::nullopt};
-            chain.setClip(run, i, p, Placement::matched);
+            chain.place(run, i, p,
+                        PlacementRecord{p, score, PlacementCode::A3cluster, partner, std::nullopt});
         }
     }
 }
@@ -374,16 +369,13 @@ void siblingProp(Run& run, ChainState& chain) {
         }
         const int j = *best;
         const double p = std::max(w.lo, std::min(w.hi, chain.posOf.at(j)));
-        chain.placed.insert(i);
-        chain.posOf[i] = p;
         float score = kPresumedScore;
         if (const auto it = run.placementLog.find(chain.clips[j].id);
             it != run.placementLog.end()) {
             score = it->second.score;
         }
-        run.placementLog[ci.id] =
-            PlacementRecord{p, score, PlacementCode::sibling, chain.refs[j], std::nullopt};
-        chain.setClip(run, i, p, Placement::matched);
+        chain.place(run, i, p,
+                    PlacementRecord{p, score, PlacementCode::sibling, chain.refs[j], std::nullopt});
         run.clip(chain.refs[i]).placementNote = "alongside '" + nameOf(chain, j) + "'";
         logDetail(format("sibling prop '%s' ← '%s' @ %.1fs", nameOf(chain, i).c_str(),
                          nameOf(chain, j).c_str(), p));

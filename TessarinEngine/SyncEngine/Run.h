@@ -263,6 +263,9 @@ struct ChainState {
     int matchedCount() const { return static_cast<int>(placed.size() - clockLaid.size()); }
     // The setClip of layoutChain and of the rescues.
     void setClip(Run& run, int i, double pos, Placement how);
+    // Places clip i at `pos` as `record` says: the chain holds it placed there, the log keeps
+    // the record, and the clip takes its verdict, score and code from it.
+    void place(Run& run, int i, double pos, const PlacementRecord& record);
     // Places a chosen anchor at its hit with the given code.
     void placeAnchor(Run& run, int i, Match m, const std::string& kind);
     // Lays every clip around the anchors and writes the neighbour notes of the rest.
