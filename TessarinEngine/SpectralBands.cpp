@@ -612,8 +612,8 @@ float spanMaximum(const float* values, std::size_t count) {
 
 // Steps through the searched lags: z-scores over them, local maxima (ties included, the range's
 // ends against a missing neighbour), best first, separated, at most topK.
-std::vector<Peak> searchPeaks(const std::vector<float>& values, std::int64_t firstLag, int topK,
-                              double minSeparationSec) {
+std::vector<Peak> rankPeaks(const std::vector<float>& values, std::int64_t firstLag, int topK,
+                            double minSeparationSec) {
     const std::size_t count = values.size();
     if (topK < 1 || count == 0) {
         return {};
@@ -846,7 +846,7 @@ std::vector<Peak> peaks(const Feature& clip, const Feature& ref, double minOffse
     if (!values) {
         return {};
     }
-    return searchPeaks(*values, first, topK, minSeparationSec);
+    return rankPeaks(*values, first, topK, minSeparationSec);
 }
 
 std::vector<Peak> pickPeaks(const std::vector<float>& summed, int firstLag, int lastLag, int topK,
@@ -859,7 +859,7 @@ std::vector<Peak> pickPeaks(const std::vector<float>& summed, int firstLag, int 
     for (std::int64_t lag = firstLag; lag <= lastLag; ++lag) {
         values.push_back(summed[std::size_t(lag < 0 ? lag + size : lag)]);
     }
-    return searchPeaks(values, firstLag, topK, minSeparationSec);
+    return rankPeaks(values, firstLag, topK, minSeparationSec);
 }
 
 SpectrumCacheUsage spectrumCacheUsage() {

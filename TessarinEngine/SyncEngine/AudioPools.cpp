@@ -10,10 +10,10 @@ namespace {
 
 // A match must keep 8 s of the shorter feature inside the longer, or 0.8 of the shorter where it
 // is shorter than 10 s: a fixed 8 s would leave every clip of 8 s or less unmatchable.
-constexpr double kPoolMinOverlap = 8.0;
-constexpr double kPoolMinOverlapShare = 0.8;
+constexpr double kPoolMinOverlap = kSearchOverlap;
+constexpr double kPoolMinOverlapShare = kSearchOverlapShare;
 // Only the best peak of each segment is asked for.
-constexpr double kPoolMinSeparation = 0.5;
+constexpr double kPoolMinSeparation = kSearchSeparation;
 // A short clip's peak is chosen in its narrow window but scored against the lags this far on
 // either side: against a few seconds of lags a chance likeness stands out as much as the truth.
 constexpr double kShortStatsHalf = 20.0;

@@ -1,3 +1,4 @@
+#include "TessarinEngine/SyncEngine/PeakTiming.h"
 #include "TessarinEngine/SyncEngine/Run.h"
 
 #include <algorithm>
@@ -68,8 +69,8 @@ void calibrateSegmentIfNeeded(Run& run, int take, int backup) {
         if (!window || window->frames >= backClip.bandFeature->frames) {
             continue;
         }
-        const auto found =
-            SpectralBands::peaks(*window, *backClip.bandFeature, -kWidest, kWidest, 8.0, 1, 0.5);
+        const auto found = searchPeaks(*window, *backClip.bandFeature, -kWidest, kWidest,
+                                       kSearchOverlap, kBestPeakOnly, kSearchSeparation);
         if (!found.empty()) {
             votes.push_back(Match{backClip.startOffset + found.front().offsetSeconds - start,
                                   found.front().score, ClipRef{backup, backCi}});

@@ -151,8 +151,9 @@ bool siblingVerified(Run& run, int si, int leader) {
     }
     // The channels must agree within half a second, but the search runs wider: a z-score over a
     // few seconds of lags stays low even for a true peak, above all between two different mics.
-    const auto peaks = searchPeaks(*window, *lead->bandFeature, start - kChannelSearch,
-                                   start + kChannelSearch, 8.0, 1, 0.5);
+    const auto peaks =
+        searchPeaks(*window, *lead->bandFeature, start - kChannelSearch, start + kChannelSearch,
+                    kSearchOverlap, kBestPeakOnly, kSearchSeparation);
     if (peaks.empty()) {
         return false;
     }

@@ -87,9 +87,10 @@ std::vector<Match> votesFor(const Run& run, int refCi) {
             }
             // Where the window begins in the reference clip if both lie where they are laid.
             const double expected = x.startOffset + w.from - refClip.startOffset;
-            const auto found =
-                searchPeaks(*slice, *refClip.bandFeature, expected - kLargestMove,
-                            expected + kLargestMove, std::min(8.0, 0.8 * (w.to - w.from)), 1, 0.5);
+            const auto found = searchPeaks(
+                *slice, *refClip.bandFeature, expected - kLargestMove, expected + kLargestMove,
+                std::min(kSearchOverlap, kSearchOverlapShare * (w.to - w.from)), kBestPeakOnly,
+                kSearchSeparation);
             if (!found.empty()) {
                 votes.push_back(Match{x.startOffset + w.from - found.front().offsetSeconds,
                                       found.front().score, r});

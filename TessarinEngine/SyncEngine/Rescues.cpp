@@ -1,4 +1,5 @@
 #include "TessarinEngine/PairwiseOffsetSolver.h"
+#include "TessarinEngine/SyncEngine/PeakTiming.h"
 #include "TessarinEngine/SyncEngine/Run.h"
 
 #include <algorithm>
@@ -95,7 +96,8 @@ std::optional<CrossLink> crossProbe(const ChainState& chain, int a, int b) {
         if (!slice || slice->frames >= L.bandFeature->frames) {
             continue;
         }
-        const auto found = SpectralBands::peaks(*slice, *L.bandFeature, 0.0, kWidest, 8.0, 1, 0.5);
+        const auto found = searchPeaks(*slice, *L.bandFeature, 0.0, kWidest, kSearchOverlap,
+                                       kBestPeakOnly, kSearchSeparation);
         if (!found.empty() && found.front().score >= kStrongScore) {
             votes.push_back(
                 Match{found.front().offsetSeconds - start, found.front().score, std::nullopt});

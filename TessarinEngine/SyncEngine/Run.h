@@ -29,6 +29,12 @@ constexpr double kFramesPerSecond = 25.0;
 constexpr double kWidest = std::numeric_limits<double>::max();
 
 constexpr float kSingleStrongScore = 14.0f;
+// A search for the one best offset of a window: it keeps this much of the window inside what it
+// is sought in (or 0.8 of a shorter window), asks for one peak, and takes peaks this far apart.
+constexpr double kSearchOverlap = 8.0;
+constexpr double kSearchOverlapShare = 0.8;
+constexpr int kBestPeakOnly = 1;
+constexpr double kSearchSeparation = 0.5;
 constexpr float kStrongScore = 7.0f;
 constexpr float kWeakScore = 4.5f;
 // Window votes of one clip that lie this close (inclusive) agree on its position.
