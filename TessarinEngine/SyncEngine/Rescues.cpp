@@ -78,25 +78,25 @@ std::optional<CrossLink> crossProbe(const ChainState& chain, int a, int b) {
         return std::nullopt;
     }
     const bool aShorter = ca.duration <= cb.duration;
-    const auto& S = aShorter ? ca : cb;
-    const auto& L = aShorter ? cb : ca;
-    const double D = S.duration;
-    const double W = std::min(D * 0.5, 45.0);
-    if (W < 10.0) {
+    const auto& shorter = aShorter ? ca : cb;
+    const auto& longer = aShorter ? cb : ca;
+    const double length = shorter.duration;
+    const double window = std::min(length * 0.5, 45.0);
+    if (window < 10.0) {
         return std::nullopt;
     }
     std::vector<Match> votes;
-    for (double c : {0.15, 0.45, 0.75}) {
-        double start = std::max(D * c - W / 2, 0.0);
-        start = std::min(start, D - W);
+    for (double centre : {0.15, 0.45, 0.75}) {
+        double start = std::max(length * centre - window / 2, 0.0);
+        start = std::min(start, length - window);
         if (start < 0) {
             continue;
         }
-        const auto slice = SpectralBands::slice(*S.bandFeature, start, W);
-        if (!slice || slice->frames >= L.bandFeature->frames) {
+        const auto slice = SpectralBands::slice(*shorter.bandFeature, start, window);
+        if (!slice || slice->frames >= longer.bandFeature->frames) {
             continue;
         }
-        const auto found = searchPeaks(*slice, *L.bandFeature, 0.0, kWidest, kSearchOverlap,
+        const auto found = searchPeaks(*slice, *longer.bandFeature, 0.0, kWidest, kSearchOverlap,
                                        kBestPeakOnly, kSearchSeparation);
         if (!found.empty() && found.front().score >= kStrongScore) {
             votes.push_back(
@@ -222,20 +222,20 @@ bool cameraCross(Run& run, ChainState& chain) {
 
 void cameraCluster(Run& run, ChainState& chain) {
     const int n = static_cast<int>(chain.clips.size());
-    std::vector<int> U;
+    std::vector<int> unplaced;
     for (int i = 0; i < n; ++i) {
         if (!chain.placed.contains(i) && chain.clips[i].duration >= kShortestMatched) {
-            U.push_back(i);
+            unplaced.push_back(i);
         }
     }
-    if (U.size() < 2) {
+    if (unplaced.size() < 2) {
         return;
     }
-    const int m = static_cast<int>(U.size());
+    const int m = static_cast<int>(unplaced.size());
     std::vector<PairwiseOffsetSolver::Measurement> measurements;
     for (int p = 0; p < m; ++p) {
         for (int q = p + 1; q < m; ++q) {
-            if (const auto x = crossProbe(chain, U[p], U[q])) {
+            if (const auto x = crossProbe(chain, unplaced[p], unplaced[q])) {
                 measurements.push_back({p, q, x->offset, x->score});
             }
         }
@@ -279,7 +279,8 @@ void cameraCluster(Run& run, ChainState& chain) {
         }
         int master = 0;
         for (int k = 1; k < static_cast<int>(members.size()); ++k) {
-            if (chain.clips[U[members[k]]].duration > chain.clips[U[members[master]]].duration) {
+            if (chain.clips[unplaced[members[k]]].duration >
+                chain.clips[unplaced[members[master]]].duration) {
                 master = k;
             }
         }
@@ -288,7 +289,7 @@ void cameraCluster(Run& run, ChainState& chain) {
         double a = -kWidest;
         double b = kWidest;
         for (int k = 0; k < static_cast<int>(members.size()); ++k) {
-            const Window w = chain.bounds(U[members[k]]);
+            const Window w = chain.bounds(unplaced[members[k]]);
             a = std::max(a, w.lo - off[k]);
             b = std::min(b, w.hi - off[k]);
         }
@@ -305,13 +306,13 @@ void cameraCluster(Run& run, ChainState& chain) {
         }
         std::string names;
         for (int p : members) {
-            names += (names.empty() ? "" : " + ") + nameOf(chain, U[p]);
+            names += (names.empty() ? "" : " + ") + nameOf(chain, unplaced[p]);
         }
         logDetail(format("camera cluster '%s' @ %.1fs — %d clip(s), no external audio anywhere "
                          "nearby, synced only against each other",
                          names.c_str(), base, static_cast<int>(members.size())));
         for (int k = 0; k < static_cast<int>(members.size()); ++k) {
-            const int i = U[members[k]];
+            const int i = unplaced[members[k]];
             const double p = base + off[k];
             float score = kPresumedScore;
             for (const auto& x : inside) {
@@ -322,7 +323,8 @@ void cameraCluster(Run& run, ChainState& chain) {
             }
             // The cluster hangs together by its longest member.
             const std::optional<ClipRef> partner =
-                k == master ? std::nullopt : std::optional<ClipRef>(chain.refs[U[members[master]]]);
+                k == master ? std::nullopt
+                            : std::optional<ClipRef>(chain.refs[unplaced[members[master]]]);
             chain.place(run, i, p,
                         PlacementRecord{p, score, PlacementCode::A3cluster, partner, std::nullopt});
         }

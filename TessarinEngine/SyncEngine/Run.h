@@ -110,6 +110,8 @@ struct Region {
     std::set<int> readyTracks;
     std::set<int> poolCameras;
     bool holdRecorders = false;
+    // While cameras are paired first: lavalier tracks stay out of the pool, and cameras may also
+    // lend the clips they laid by clock or between neighbours, which the pool otherwise refuses.
     bool excludeLavs = false;
 
     std::vector<int> otherTracks;
@@ -151,7 +153,7 @@ struct Run {
 
 std::uint64_t regionKey(int si, int ci);
 bool inRegion(const Run& run, int si, int ci);
-// Largest duration among the track's clips in the region, 0 if none.
+// The length in seconds of the track's longest clip in the region, 0 if none.
 double maxClip(const Run& run, int si);
 int regionClipCount(const Run& run, int si);
 // The clip indices of a track that lie in the region, ascending.
