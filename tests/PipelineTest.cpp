@@ -7,7 +7,6 @@
 #include <atomic>
 #include <chrono>
 #include <gtest/gtest.h>
-#include <latch>
 #include <thread>
 
 using Pipeline::ExtractJob;
@@ -20,6 +19,8 @@ struct Phase {
     std::vector<TrackSource> tracks{1};
     std::vector<ExtractJob> jobs;
     std::vector<Event> events;
+    // How many events were emitted, for a job that waits until an earlier outcome was folded.
+    std::atomic<std::size_t> emitted{0};
 
     explicit Phase(const std::vector<double>& durations) {
         for (std::size_t i = 0; i < durations.size(); ++i) {
@@ -30,8 +31,11 @@ struct Phase {
         }
     }
     void run(int width, const Pipeline::ExtractJobFunction& job) {
-        Pipeline::runExtractPhase(tracks, jobs, width, job,
-                                  [this](const Event& e) { events.push_back(e); });
+        Pipeline::runExtractPhase(tracks, jobs, width, job, [this](const Event& e) {
+            events.push_back(e);
+            ++emitted;
+            emitted.notify_all();
+        });
     }
 };
 
@@ -65,15 +69,15 @@ TEST(Pipeline, ExtractPhaseNeverRunsMoreThanItsWidth) {
 TEST(Pipeline, OutcomesFoldInOrderOfFinishingAndBrokenClipsLeaveTheRunGoing) {
     // Weights 0.5 (floor for 0 s), 0.5 (floor for 0.3 s), 2.0 and 0.5: 3.5 in all.
     Phase phase({0.0, 0.3, 2.0, 0.5});
-    std::latch secondDone(1);
     phase.run(2, [&](const ExtractJob& j) {
         if (j.ci == 0) {
-            // The first job finishes only after the second.
-            secondDone.wait();
-            std::this_thread::sleep_for(std::chrono::milliseconds(150));
+            // The first job finishes only once the other three outcomes have been folded (five
+            // events: two of them errors).
+            for (auto seen = phase.emitted.load(); seen < 5; seen = phase.emitted.load()) {
+                phase.emitted.wait(seen);
+            }
         }
         if (j.ci == 1) {
-            secondDone.count_down();
             return ExtractOutcome{j.si, j.ci, j.url, 0.5, {}, {}, "Extraction failed: x"};
         }
         if (j.ci == 3) {
@@ -143,7 +147,11 @@ TEST(Pipeline, RunLevelErrorsEndTheRun) {
 
 TEST(Pipeline, SecondExtractionOfAFileComesFromTheCache) {
     TestSupport::TempDir dir;
-    const auto previous = EnvelopeCache::cacheDir();
+    // Restored however the test ends, an assertion included.
+    struct CacheFolder {
+        std::filesystem::path previous = EnvelopeCache::cacheDir();
+        ~CacheFolder() { EnvelopeCache::setCacheDir(previous); }
+    } restore;
     EnvelopeCache::setCacheDir(dir / "cache");
     const auto wav = dir / "tone.wav";
     MediaFixtures::writeWav(wav, MediaFixtures::sine(440.0, 0.5f, 3.0, 16000));
@@ -160,5 +168,4 @@ TEST(Pipeline, SecondExtractionOfAFileComesFromTheCache) {
     ASSERT_TRUE(second.bands);
     EXPECT_FALSE(second.refinedDuration);
     EXPECT_EQ(*second.bands, *first.bands);
-    EnvelopeCache::setCacheDir(previous);
 }
