@@ -136,5 +136,9 @@ std::string ClipItem::placementExplanation() const {
         text += kDot;
         text += "timecode disagrees with the audio position";
     }
+    if (refinedBy) {
+        text += kDot;
+        text += "refined";
+    }
     return text;
 }

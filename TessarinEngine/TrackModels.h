@@ -102,6 +102,14 @@ struct ClipItem {
     // The UTC offset, in minutes, that the file wrote its recording date with, where it states
     // one (Sony XML); nothing for dates written without a zone.
     std::optional<int> clockOffsetMinutes;
+    // The placed clip whose audio this clip's placement was measured against, or that it follows
+    // (its chapter, its camera's matched clip); set by the sync engine where there is one.
+    std::optional<Uuid> placedAgainst;
+    // Set only by refinement: the seconds it added to the band placement, and how fast the clip's
+    // clock runs against the reference's, in parts per million (positive when its content falls
+    // progressively later; it plays in step at speed 1 + driftPpm / 1,000,000).
+    std::optional<double> refinedBy;
+    std::optional<double> driftPpm;
 
     ClipItem() = default;
     explicit ClipItem(std::filesystem::path file) : url(std::move(file)) {}

@@ -155,6 +155,8 @@ std::optional<std::string> encodeOne(const ResultEvent& e) {
     w.field("pictureDuration", e.pictureDuration);
     w.field("recordFrameRate", widened(e.recordFrameRate));
     w.field("conformFrameRate", widened(e.conformFrameRate));
+    w.field("refinedBy", e.refinedBy);
+    w.field("driftPpm", e.driftPpm);
     return w.finish();
 }
 

@@ -31,6 +31,9 @@ struct ResultEvent {
     std::optional<double> pictureDuration;
     std::optional<float> recordFrameRate;
     std::optional<float> conformFrameRate;
+    // Only after refinement, and only where it gave a value.
+    std::optional<double> refinedBy;
+    std::optional<double> driftPpm;
 };
 
 struct ErrorEvent {

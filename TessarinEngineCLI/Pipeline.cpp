@@ -3,6 +3,7 @@
 #include "TessarinEngine/AudioExtractor.h"
 #include "TessarinEngine/EnvelopeCache.h"
 #include "TessarinEngine/IngestEngine.h"
+#include "TessarinEngine/Refine.h"
 #include "TessarinEngine/SpectralBands.h"
 #include "TessarinEngine/SyncCorrelator.h"
 #include "TessarinEngine/SyncEngine.h"
@@ -132,10 +133,12 @@ ResultEvent makeResultEvent(const TrackSource& track, const ClipItem& clip) {
     r.pictureDuration = pictureDuration(clip);
     r.recordFrameRate = clip.recordFrameRate;
     r.conformFrameRate = clip.conformFrameRate;
+    r.refinedBy = clip.refinedBy;
+    r.driftPpm = clip.driftPpm;
     return r;
 }
 
-bool runPipeline(const Request& request, const EventSink& emit) {
+bool runPipeline(const Request& request, const EventSink& emit, const RunOptions& options) {
     try {
         IngestEngine ingest;
         ingest.completeShootSessions = {request.completeShootSessions.begin(),
@@ -228,6 +231,10 @@ bool runPipeline(const Request& request, const EventSink& emit) {
             [](const Uuid&, double, SyncStatus) {}, &cancel);
         if (lostEvent) {
             std::rethrow_exception(lostEvent);
+        }
+        if (options.refine) {
+            Refine::refineTracks(placed, Refine::readStretch,
+                                 extractWidth(std::thread::hardware_concurrency()));
         }
 
         int clipCount = 0;

@@ -57,9 +57,15 @@ std::optional<double> pictureDuration(const ClipItem& clip);
 // The result line of one clip of a track.
 ResultEvent makeResultEvent(const TrackSource& track, const ClipItem& clip);
 
+// What the command line adds to a request.
+struct RunOptions {
+    // Refine audio placements below a band frame once every clip is placed.
+    bool refine = false;
+};
+
 // The whole run: ingest, metadata, grouping, extraction, sync, results. False after a run-level
 // error, which has then been emitted. An item whose path holds a NUL gets an error event and is
 // left out. Events::WriteFailed from `emit` ends the run at once and is passed on.
-bool runPipeline(const Request& request, const EventSink& emit);
+bool runPipeline(const Request& request, const EventSink& emit, const RunOptions& options = {});
 
 } // namespace Pipeline

@@ -125,6 +125,8 @@ CommandLine parseCommandLine(const std::vector<std::string>& args) {
             cl.inputPath = args[++i];
         } else if (arg == "--stdin") {
             cl.useStdin = true;
+        } else if (arg == "--refine") {
+            cl.refine = true;
         } else if (arg == "--braw-status") {
             cl.action = CommandLine::Action::brawStatus;
             return cl;

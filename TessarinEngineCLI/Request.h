@@ -41,6 +41,8 @@ struct CommandLine {
     Action action = Action::usage;
     bool useStdin = false;
     std::optional<std::string> inputPath;
+    // Refine audio placements below a frame and measure clock drift after placing.
+    bool refine = false;
     // Messages for standard error, in the order the arguments were read.
     std::vector<std::string> messages;
 };

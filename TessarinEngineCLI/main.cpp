@@ -31,7 +31,7 @@ int runRequest(const CommandLine& cl) {
         Events::emit(ErrorEvent{std::nullopt, "Could not parse request JSON"});
         return 1;
     }
-    return Pipeline::runPipeline(*request, Events::emit) ? 0 : 1;
+    return Pipeline::runPipeline(*request, Events::emit, {cl.refine}) ? 0 : 1;
 }
 
 } // namespace

@@ -324,6 +324,14 @@ std::vector<TrackSource> synchronise(std::vector<TrackSource> sources,
         run.baseOffset += kRegionGap;
     }
 
+    for (auto& track : run.sources) {
+        for (auto& clip : track.clips) {
+            const auto entry = run.placementLog.find(clip.id);
+            if (entry != run.placementLog.end() && entry->second.partner) {
+                clip.placedAgainst = run.clip(*entry->second.partner).id;
+            }
+        }
+    }
     resolveOverlaps(run.sources);
     normaliseOffsets(run.sources);
     logLayoutAndDone(run);

@@ -128,6 +128,12 @@ struct StreamDecode {
     int inFormat = AV_SAMPLE_FMT_NONE;
     std::size_t offset = 0;
     std::size_t laid = 0;
+    // For a stretch: output samples still to drop before the stretch begins, and whether the
+    // stream has reached the stretch's end.
+    std::size_t skip = 0;
+    bool placed = false;
+    bool full = false;
+    AVRational timeBase{1, 1};
 };
 
 // The state of one decodeMixedMono call.
@@ -139,13 +145,45 @@ struct Decoding {
     std::vector<float> mix;
     std::vector<float> scratch;
     const std::function<void(std::size_t)>* onLaid = nullptr;
+    // A stretch keeps what falls before `stop` and drops the rest; a whole decode keeps all.
+    std::optional<std::size_t> stop;
+    // Where the stretch's first sample lies, in seconds of the streams' own timestamps.
+    double originSeconds = 0;
 };
 
+// After a seek, a stream's first frame tells where its samples lie: on the axis of a whole decode
+// (its first sample at the earliest stream's start), so both give the same sample for one time.
+void placeAfterSeek(Decoding& d, StreamDecode& s, const AVFrame* frame) {
+    const std::int64_t ts = frame->best_effort_timestamp;
+    if (ts == AV_NOPTS_VALUE) {
+        throw TessarinError(Kind::readFailed, "seek");
+    }
+    const double seconds = static_cast<double>(ts) * av_q2d(s.timeBase);
+    const auto at = std::llround((seconds - d.originSeconds) * d.rateHz);
+    s.offset = at >= 0 ? static_cast<std::size_t>(at) : 0;
+    s.skip = at < 0 ? static_cast<std::size_t>(-at) : 0;
+    s.placed = true;
+}
+
 void layInMix(Decoding& d, StreamDecode& s, std::size_t count) {
+    const float* src = d.scratch.data();
+    if (s.skip > 0) {
+        const std::size_t dropped = std::min(s.skip, count);
+        s.skip -= dropped;
+        src += dropped;
+        count -= dropped;
+    }
+    const std::size_t from = s.offset + s.laid;
+    if (d.stop) {
+        const std::size_t room = from < *d.stop ? *d.stop - from : 0;
+        if (count >= room) {
+            count = room;
+            s.full = true;
+        }
+    }
     if (count == 0) {
         return;
     }
-    const std::size_t from = s.offset + s.laid;
     if (from + count > d.maxSamples) {
         throw TessarinError(Kind::emptySamples, d.fileName);
     }
@@ -153,12 +191,11 @@ void layInMix(Decoding& d, StreamDecode& s, std::size_t count) {
         d.mix.resize(from + count);
     }
     float* dst = d.mix.data() + from;
-    const float* src = d.scratch.data();
     for (std::size_t i = 0; i < count; ++i) {
         dst[i] += src[i];
     }
     s.laid += count;
-    if (*d.onLaid) {
+    if (d.onLaid && *d.onLaid) {
         (*d.onLaid)(d.mix.size());
     }
 }
@@ -220,6 +257,12 @@ void zeroNonFinite(AVFrame* frame) {
 }
 
 void layFrame(Decoding& d, StreamDecode& s, AVFrame* frame) {
+    if (s.full) {
+        return;
+    }
+    if (d.stop && !s.placed) {
+        placeAfterSeek(d, s, frame);
+    }
     switch (frame->format) {
     case AV_SAMPLE_FMT_FLT:
     case AV_SAMPLE_FMT_FLTP:
@@ -294,6 +337,7 @@ void decodePacket(Decoding& d, StreamDecode& s, const AVPacket* packet, AVFrame*
 StreamDecode openStream(const AVStream* stream, const std::string& fileName) {
     StreamDecode s;
     s.streamIndex = stream->index;
+    s.timeBase = stream->time_base;
     const AVCodec* codec = avcodec_find_decoder(stream->codecpar->codec_id);
     if (!codec) {
         throw TessarinError(Kind::emptySamples, fileName);
@@ -409,51 +453,55 @@ std::size_t reservationFor(const AVFormatContext* format, int rateHz, std::size_
     return std::min(static_cast<std::size_t>(seconds * rateHz), limit);
 }
 
-} // namespace
+// A file opened for decoding: its audio streams with their decoders, the rest discarded.
+struct OpenFile {
+    FFmpeg::FormatContext format;
+    std::vector<StreamDecode> streams;
+    std::vector<int> decodeOfStream;
+};
 
-std::vector<float> decodeMixedMono(const std::filesystem::path& path, int rateHz,
-                                   const std::function<void(std::size_t)>& onLaid) {
+OpenFile openFile(const std::filesystem::path& path, const std::string& fileName) {
     FFmpeg::silenceLogs();
-    Decoding d;
-    d.fileName = path.filename().string();
-    d.rateHz = rateHz;
-    d.onLaid = &onLaid;
-
     auto opened = FFmpeg::openLocalMedia(path);
     if (const auto* reason = std::get_if<std::string>(&opened)) {
         throw TessarinError(Kind::readerStartFailed, *reason);
     }
-    auto format = std::move(std::get<FFmpeg::FormatContext>(opened));
-    if (int rc = avformat_find_stream_info(format.get(), nullptr); rc < 0) {
+    OpenFile f;
+    f.format = std::move(std::get<FFmpeg::FormatContext>(opened));
+    if (int rc = avformat_find_stream_info(f.format.get(), nullptr); rc < 0) {
         throw TessarinError(Kind::readerStartFailed, FFmpeg::errorText(rc));
     }
-
-    std::vector<StreamDecode> streams;
-    std::vector<int> decodeOfStream(format->nb_streams, -1);
-    for (unsigned i = 0; i < format->nb_streams; ++i) {
-        AVStream* stream = format->streams[i];
+    f.decodeOfStream.assign(f.format->nb_streams, -1);
+    for (unsigned i = 0; i < f.format->nb_streams; ++i) {
+        AVStream* stream = f.format->streams[i];
         if (stream->codecpar->codec_type == AVMEDIA_TYPE_AUDIO) {
-            decodeOfStream[i] = static_cast<int>(streams.size());
-            streams.push_back(openStream(stream, d.fileName));
+            f.decodeOfStream[i] = static_cast<int>(f.streams.size());
+            f.streams.push_back(openStream(stream, fileName));
         } else {
             // The demuxer then skips video and data without reading them.
             stream->discard = AVDISCARD_ALL;
         }
     }
-    if (streams.empty()) {
-        throw TessarinError(Kind::noAudioTrack, d.fileName);
+    if (f.streams.empty()) {
+        throw TessarinError(Kind::noAudioTrack, fileName);
     }
-    placeStreams(streams, format.get(), rateHz);
-    d.maxSamples = sampleLimit(format.get(), rateHz);
-    d.mix.reserve(reservationFor(format.get(), rateHz, d.maxSamples));
+    return f;
+}
 
+// Reads and decodes packets until the end of the file, or until every stream has filled the
+// stretch, then drains the decoders and resamplers.
+void decodeAll(Decoding& d, OpenFile& f) {
     FFmpeg::Packet packet(av_packet_alloc());
     FFmpeg::Frame frame(av_frame_alloc());
     if (!packet || !frame) {
         throw std::bad_alloc();
     }
-    for (;;) {
-        const int rc = av_read_frame(format.get(), packet.get());
+    auto allFull = [&] {
+        return std::all_of(f.streams.begin(), f.streams.end(),
+                           [](const StreamDecode& s) { return s.full; });
+    };
+    while (!(d.stop && allFull())) {
+        const int rc = av_read_frame(f.format.get(), packet.get());
         if (rc == AVERROR_EOF) {
             break;
         }
@@ -461,20 +509,75 @@ std::vector<float> decodeMixedMono(const std::filesystem::path& path, int rateHz
             throw TessarinError(Kind::emptySamples, d.fileName);
         }
         const int index = packet->stream_index;
-        if (index >= 0 && index < static_cast<int>(decodeOfStream.size()) &&
-            decodeOfStream[index] >= 0) {
-            decodePacket(d, streams[static_cast<std::size_t>(decodeOfStream[index])], packet.get(),
-                         frame.get());
+        if (index >= 0 && index < static_cast<int>(f.decodeOfStream.size()) &&
+            f.decodeOfStream[index] >= 0) {
+            decodePacket(d, f.streams[static_cast<std::size_t>(f.decodeOfStream[index])],
+                         packet.get(), frame.get());
         }
         av_packet_unref(packet.get());
     }
-    for (auto& s : streams) {
+    for (auto& s : f.streams) {
         decodePacket(d, s, nullptr, frame.get());
         if (s.resampler) {
             resampleInto(d, s, nullptr, 0);
         }
     }
-    averageOverlaps(d.mix, streams);
+    averageOverlaps(d.mix, f.streams);
+}
+
+// The earliest start of the audio streams, in seconds of their timestamps; 0 when none states one.
+double earliestStart(const OpenFile& f) {
+    std::optional<double> earliest;
+    for (const auto& s : f.streams) {
+        const AVStream* st = f.format->streams[s.streamIndex];
+        if (st->start_time != AV_NOPTS_VALUE) {
+            const double start = static_cast<double>(st->start_time) * av_q2d(st->time_base);
+            earliest = earliest ? std::min(*earliest, start) : start;
+        }
+    }
+    return earliest.value_or(0.0);
+}
+
+// Decoding starts this long before a stretch: a decoder needs a few frames after a seek before
+// its output is whole again (overlapped transforms, a bit reservoir).
+constexpr double kSeekPreroll = 0.5;
+
+} // namespace
+
+std::vector<float> decodeMixedMono(const std::filesystem::path& path, int rateHz,
+                                   const std::function<void(std::size_t)>& onLaid) {
+    Decoding d;
+    d.fileName = path.filename().string();
+    d.rateHz = rateHz;
+    d.onLaid = &onLaid;
+    auto f = openFile(path, d.fileName);
+    placeStreams(f.streams, f.format.get(), rateHz);
+    d.maxSamples = sampleLimit(f.format.get(), rateHz);
+    d.mix.reserve(reservationFor(f.format.get(), rateHz, d.maxSamples));
+    decodeAll(d, f);
+    return std::move(d.mix);
+}
+
+std::vector<float> decodeStretch(const std::filesystem::path& path, int rateHz, double fromSeconds,
+                                 double seconds) {
+    Decoding d;
+    d.fileName = path.filename().string();
+    d.rateHz = rateHz;
+    auto f = openFile(path, d.fileName);
+    const double from = std::max(fromSeconds, 0.0);
+    const auto wanted = static_cast<std::size_t>(std::max(seconds, 0.0) * rateHz);
+    d.stop = wanted;
+    d.maxSamples = wanted;
+    d.originSeconds = earliestStart(f) + from;
+    const double seekTo = d.originSeconds - kSeekPreroll;
+    if (from > kSeekPreroll) {
+        const auto ts = static_cast<std::int64_t>(std::floor(seekTo * AV_TIME_BASE));
+        if (avformat_seek_file(f.format.get(), -1, INT64_MIN, ts, ts, 0) < 0) {
+            throw TessarinError(Kind::readFailed, "seek");
+        }
+    }
+    d.mix.reserve(wanted);
+    decodeAll(d, f);
     return std::move(d.mix);
 }
 

@@ -24,6 +24,13 @@ namespace MediaDecoder {
 std::vector<float> decodeMixedMono(const std::filesystem::path& path, int rateHz,
                                    const std::function<void(std::size_t)>& onLaid);
 
+// The stretch of `seconds` from `fromSeconds` of what decodeMixedMono gives for the file, the
+// same samples within one at the same times, decoded from a seek point shortly before it rather
+// than from the start. Shorter where the file ends first. Throws as decodeMixedMono does, and
+// readFailed("seek") when the file cannot seek or its frames carry no timestamps. Thread-safe.
+std::vector<float> decodeStretch(const std::filesystem::path& path, int rateHz, double fromSeconds,
+                                 double seconds);
+
 // Resamples mono float samples in one pass with the same pinned resampler, flushed to the end;
 // the first output sample lies at the time of the first input sample. Throws TessarinError
 // readFailed("resampler") when a rate is not positive or the resampler cannot be made or run.

@@ -1,0 +1,85 @@
+#pragma once
+
+// Refinement of audio placements below a band frame: each clip placed by its own match is
+// correlated sample by sample with the clip it was matched against, over a few short windows of
+// their overlap, and the lags of those windows give its offset to a fraction of a sample and,
+// over a minute or more, how fast its clock runs against its partner's.
+
+#include "TessarinEngine/TrackModels.h"
+
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <span>
+#include <vector>
+
+namespace Refine {
+
+// Samples per second of the signals compared.
+constexpr int kRateHz = 16000;
+// How far either way of the band placement the first window is searched: the band placement is
+// good to about a frame (40 ms), with room for a frame's rounding on top.
+constexpr double kSearchSeconds = 0.060;
+// The length of one window.
+constexpr double kWindowSeconds = 4.0;
+// Windows this far apart, and no less, tell a clock's drift from the uncertainty of a lag.
+constexpr double kDriftSpanSeconds = 60.0;
+// Lags that a line through them misses by more than this do not come from one drifting clock.
+constexpr double kFitTolerance = 0.001;
+
+// The best lag of a window within the searched range, in samples (a fraction where the peak lies
+// between two), with its normalised correlation and the highest correlation found at lags clear of
+// its own peak.
+struct Peak {
+    double lag = 0;
+    float score = 0;
+    float runnerUp = 0;
+};
+
+// The normalised correlation of `clip` against `partner` at every lag from -maxLag to +maxLag,
+// where `partner` holds clip.size() + 2 * maxLag samples and lag k pairs clip[i] with
+// partner[i + maxLag + k]; each side's window is taken with its mean removed, so neither the
+// level nor a constant offset of either signal counts. The peak's position is interpolated by a
+// parabola through its neighbours. Nothing when either window is silent or too short.
+std::optional<Peak> correlationPeak(std::span<const float> clip, std::span<const float> partner,
+                                    int maxLag);
+
+// Whether the peak tells one lag: it correlates at least 0.2 and nothing clear of its own
+// lobe (2 ms away or more) reaches 0.8 of it. A range holding two alike events, a repeated knock,
+// a steady hum, has two or more peaks of a height and tells nothing.
+bool isClearPeak(const Peak& peak);
+
+// One window's finding: where in the clip it lies (seconds from the clip's start) and how much
+// later the clip's content lies there than where it was placed (seconds).
+struct WindowLag {
+    double at = 0;
+    double lag = 0;
+};
+
+// What the windows say together: the clip's offset at its start (the lag a line through the
+// windows has at 0) and, where the windows span kDriftSpanSeconds, the line's slope in parts per
+// million. Nothing when the windows disagree by more than kFitTolerance with the line (or, over a
+// shorter span, with their mean).
+struct Fit {
+    double lagAtStart = 0;
+    std::optional<double> driftPpm;
+};
+std::optional<Fit> fitLags(const std::vector<WindowLag>& lags);
+
+// The mono 16 kHz samples of `seconds` of a file from `from` (seconds from its start); shorter or
+// empty where the file ends first. May throw.
+using StretchReader =
+    std::function<std::vector<float>(const std::filesystem::path&, double from, double seconds)>;
+
+// Reads stretches by seeking in the file, never decoding it whole.
+std::vector<float> readStretch(const std::filesystem::path& file, double from, double seconds);
+
+// Refines every clip placed by its own audio match against the clip it was matched against, in
+// an order where every partner comes first, so that a clip placed against a refined partner
+// inherits its correction; clips placed through another clip (its channels, chapters, siblings)
+// take that clip's correction. The reference stays where it is, and drift is relative to its
+// clock. A clip that cannot be refined, or whose peaks are not clear, keeps its placement.
+// Refined clips get `refinedBy` and, where measured, `driftPpm`. `width` clips are refined at once.
+void refineTracks(std::vector<TrackSource>& tracks, const StretchReader& read, int width);
+
+} // namespace Refine
