@@ -1,12 +1,17 @@
 #include "TessarinEngine/Refine.h"
 
+#include "TessarinEngine/EngineLog.h"
 #include "TessarinEngine/SyncCorrelator.h"
+#include "TessarinEngine/SyncEngine/Format.h"
 #include "TessarinEngine/WorkerWindow.h"
+#include "TessarinEngine/platform/Fft.h"
 #include "TessarinEngine/platform/MediaDecoder.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <exception>
+#include <memory>
 #include <numeric>
 #include <set>
 #include <string_view>
@@ -63,6 +68,41 @@ std::vector<float> withoutMean(std::span<const float> x) {
     return out;
 }
 
+// sum over i of partner[i + k] * clip[i] for k from 0 to lags - 1, where partner holds
+// clip.size() + lags - 1 values: a circular correlation of the partner's length is enough, since
+// no product of these lags wraps around. Empty when no transform can be had.
+std::vector<double> slidingProducts(const std::vector<float>& partner,
+                                    const std::vector<float>& clip, std::size_t lags) {
+    unsigned log2n = 1;
+    while ((std::size_t{1} << log2n) < partner.size()) {
+        ++log2n;
+    }
+    const Fft::Setup* setup =
+        log2n <= SyncCorrelator::kMaxLog2n ? SyncCorrelator::sharedFFTSetup(log2n) : nullptr;
+    if (!setup) {
+        return {};
+    }
+    const std::size_t n = setup->size();
+    Fft::RealBuffer padded(n);
+    Fft::ComplexBuffer theirs(setup->spectrumSize());
+    Fft::ComplexBuffer own(setup->spectrumSize());
+    std::copy(partner.begin(), partner.end(), padded.begin());
+    setup->forward(padded, theirs);
+    std::fill(padded.begin(), padded.end(), 0.0f);
+    std::copy(clip.begin(), clip.end(), padded.begin());
+    setup->forward(padded, own);
+    for (std::size_t m = 0; m < setup->spectrumSize(); ++m) {
+        theirs[m] *= std::conj(own[m]);
+    }
+    setup->inverse(theirs, padded);
+    // The unscaled inverse gives n times each sum.
+    std::vector<double> products(lags);
+    for (std::size_t k = 0; k < lags; ++k) {
+        products[k] = static_cast<double>(padded[k]) / static_cast<double>(n);
+    }
+    return products;
+}
+
 } // namespace
 
 std::optional<Peak> correlationPeak(std::span<const float> clip, std::span<const float> partner,
@@ -79,8 +119,8 @@ std::optional<Peak> correlationPeak(std::span<const float> clip, std::span<const
     if (clipEnergy <= 0) {
         return std::nullopt;
     }
-    const auto products = SyncCorrelator::fftCrossCorrelate(p, c);
-    if (!products) {
+    const auto products = slidingProducts(p, c, lags);
+    if (products.empty()) {
         return std::nullopt;
     }
     // The energy of the partner under the clip at each lag, from running sums.
@@ -92,8 +132,7 @@ std::optional<Peak> correlationPeak(std::span<const float> clip, std::span<const
     for (std::size_t k = 0; k < lags; ++k) {
         const double energy = prefix[k + n] - prefix[k];
         if (energy > 0) {
-            // The correlation counts every product twice.
-            score[k] = static_cast<float>(0.5 * (*products)[k] / std::sqrt(clipEnergy * energy));
+            score[k] = static_cast<float>(products[k] / std::sqrt(clipEnergy * energy));
         }
     }
     const auto best =
@@ -166,11 +205,27 @@ std::optional<Fit> fitLags(const std::vector<WindowLag>& lags) {
     return fit;
 }
 
-std::vector<float> readStretch(const std::filesystem::path& file, double from, double seconds) {
-    return MediaDecoder::decodeStretch(file, kRateHz, from, seconds);
+Stretches openStretches(const std::filesystem::path& file) {
+    auto decoder = std::make_shared<MediaDecoder::StretchDecoder>(file, kRateHz);
+    return [decoder](double from, double seconds) {
+        return decoder->read(from, seconds);
+    };
 }
 
 namespace {
+
+std::string clipName(const ClipItem& clip) {
+    return clip.url.filename().string();
+}
+
+// What a log line tells of a clip's shift and drift.
+std::string shiftText(const char* verb, double seconds, const std::optional<double>& driftPpm) {
+    std::string drift = "not measured";
+    if (driftPpm) {
+        drift = SyncEngine::format("%+.1f ppm", *driftPpm);
+    }
+    return SyncEngine::format("%s by %+.5f s, drift ", verb, seconds) + drift;
+}
 
 struct Placed {
     int track = 0;
@@ -186,8 +241,8 @@ struct Refinement {
 // One window at `centre` on the timeline, searched around `expectedLag`: the lag found, or
 // nothing when the files do not hold the window or its peak is not clear.
 std::optional<WindowLag> measureWindow(const ClipItem& clip, const ClipItem& partner, double centre,
-                                       double width, double expectedLag,
-                                       const StretchReader& read) {
+                                       double width, double expectedLag, const Stretches& readOwn,
+                                       const Stretches& readTheirs) {
     const int maxLag = static_cast<int>(std::lround(kSearchSeconds * kRateHz));
     const double partnerRate = 1.0 - partner.driftPpm.value_or(0.0) * 1e-6;
     const double at = centre - clip.startOffset;
@@ -198,10 +253,10 @@ std::optional<WindowLag> measureWindow(const ClipItem& clip, const ClipItem& par
     if (at - half < 0 || partnerAt - half - margin < 0) {
         return std::nullopt;
     }
-    auto own = read(clip.url, at - half, static_cast<double>(samples) / kRateHz);
+    auto own = readOwn(at - half, static_cast<double>(samples) / kRateHz);
     auto theirs =
-        read(partner.url, partnerAt - half - margin,
-             static_cast<double>(samples + 2 * static_cast<std::size_t>(maxLag)) / kRateHz);
+        readTheirs(partnerAt - half - margin,
+                   static_cast<double>(samples + 2 * static_cast<std::size_t>(maxLag)) / kRateHz);
     if (own.size() < samples || theirs.size() < samples + 2 * static_cast<std::size_t>(maxLag)) {
         return std::nullopt;
     }
@@ -219,7 +274,7 @@ std::optional<WindowLag> measureWindow(const ClipItem& clip, const ClipItem& par
 // Middle window first, searched around the band placement; then the start and the end, each
 // around the lag that the windows found so far predict.
 std::optional<Refinement> refineAgainst(const ClipItem& clip, const ClipItem& partner,
-                                        const StretchReader& read) {
+                                        const StretchOpener& open) {
     const double from = std::max(clip.startOffset, partner.startOffset) + kEdgeMargin;
     const double to =
         std::min(clip.startOffset + clip.duration, partner.startOffset + partner.duration) -
@@ -229,10 +284,13 @@ std::optional<Refinement> refineAgainst(const ClipItem& clip, const ClipItem& pa
     }
     const double width = std::min(kWindowSeconds, to - from);
     std::vector<double> centres{(from + to) / 2};
-    if (to - from >= 3 * width) {
+    // Side windows only where they can measure drift; a shorter overlap holds one window.
+    if (to - from >= kDriftSpanSeconds + width) {
         centres.push_back(from + width / 2);
         centres.push_back(to - width / 2);
     }
+    const auto readOwn = open(clip.url);
+    const auto readTheirs = open(partner.url);
     std::vector<WindowLag> found;
     for (const double centre : centres) {
         double expected = 0;
@@ -242,7 +300,8 @@ std::optional<Refinement> refineAgainst(const ClipItem& clip, const ClipItem& pa
                                                    : 0.0;
             expected = found.front().lag + slope * (centre - clip.startOffset - found.front().at);
         }
-        if (const auto lag = measureWindow(clip, partner, centre, width, expected, read)) {
+        if (const auto lag =
+                measureWindow(clip, partner, centre, width, expected, readOwn, readTheirs)) {
             found.push_back(*lag);
         }
     }
@@ -255,7 +314,9 @@ std::optional<Refinement> refineAgainst(const ClipItem& clip, const ClipItem& pa
 
 } // namespace
 
-void refineTracks(std::vector<TrackSource>& tracks, const StretchReader& read, int width) {
+void refineTracks(std::vector<TrackSource>& tracks, const StretchOpener& open, int width) {
+    const auto began = std::chrono::steady_clock::now();
+    int refined = 0;
     std::unordered_map<Uuid, Placed> where;
     for (int t = 0; t < static_cast<int>(tracks.size()); ++t) {
         for (int c = 0; c < static_cast<int>(tracks[t].clips.size()); ++c) {
@@ -313,7 +374,7 @@ void refineTracks(std::vector<TrackSource>& tracks, const StretchReader& read, i
                     return std::nullopt;
                 }
                 try {
-                    return refineAgainst(clip, clipAt(*leadOf(clip)), read);
+                    return refineAgainst(clip, clipAt(*leadOf(clip)), open);
                 } catch (const std::exception&) {
                     // A file that cannot be read again keeps its band placement.
                     return std::nullopt;
@@ -327,10 +388,14 @@ void refineTracks(std::vector<TrackSource>& tracks, const StretchReader& read, i
         for (std::size_t i = 0; i < ready.size(); ++i) {
             auto& clip = clipAt(ready[i]);
             const auto& lead = clipAt(*leadOf(clip));
+            const std::string names = "'" + clipName(clip) + "' against '" + clipName(lead) + "'";
             if (results[i]) {
                 clip.refinedBy = results[i]->start - clip.startOffset;
                 clip.startOffset = results[i]->start;
                 clip.driftPpm = results[i]->driftPpm;
+                EngineLog::log("[Refine] " + names + ": " +
+                               shiftText("refined", *clip.refinedBy, clip.driftPpm));
+                ++refined;
             } else if (lead.refinedBy && *lead.refinedBy != 0) {
                 // Placed against or through a clip that moved: it moves with it.
                 clip.refinedBy = *lead.refinedBy;
@@ -338,11 +403,18 @@ void refineTracks(std::vector<TrackSource>& tracks, const StretchReader& read, i
                 if (codeIn(clip, kSameDeviceCodes)) {
                     clip.driftPpm = lead.driftPpm;
                 }
+                EngineLog::log("[Refine] " + names + ": " +
+                               shiftText("follows", *clip.refinedBy, clip.driftPpm));
+            } else if (codeIn(clip, kDirectCodes)) {
+                EngineLog::log("[Refine] " + names + ": kept");
             }
             unsettled.erase(clip.id);
         }
         pending = std::move(waiting);
     }
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
+    EngineLog::log(SyncEngine::format("[Refine] %d clips refined by their own audio in %.3f s",
+                                      refined, took.count()));
 }
 
 } // namespace Refine

@@ -20,8 +20,8 @@ constexpr int kRateHz = 16000;
 // How far either way of the band placement the first window is searched: the band placement is
 // good to about a frame (40 ms), with room for a frame's rounding on top.
 constexpr double kSearchSeconds = 0.060;
-// The length of one window.
-constexpr double kWindowSeconds = 4.0;
+// The length of one window: with the searched range it fits a transform of 2^15 points.
+constexpr double kWindowSeconds = 1.9;
 // Windows this far apart, and no less, tell a clock's drift from the uncertainty of a lag.
 constexpr double kDriftSpanSeconds = 60.0;
 // Lags that a line through them misses by more than this do not come from one drifting clock.
@@ -66,13 +66,15 @@ struct Fit {
 };
 std::optional<Fit> fitLags(const std::vector<WindowLag>& lags);
 
-// The mono 16 kHz samples of `seconds` of a file from `from` (seconds from its start); shorter or
-// empty where the file ends first. May throw.
-using StretchReader =
-    std::function<std::vector<float>(const std::filesystem::path&, double from, double seconds)>;
+// The mono 16 kHz samples of `seconds` of one file from `from` (seconds from its start); shorter
+// or empty where the file ends first. May throw.
+using Stretches = std::function<std::vector<float>(double from, double seconds)>;
+// Opens a file for reading stretches. May throw.
+using StretchOpener = std::function<Stretches(const std::filesystem::path&)>;
 
-// Reads stretches by seeking in the file, never decoding it whole.
-std::vector<float> readStretch(const std::filesystem::path& file, double from, double seconds);
+// Reads stretches of the file by seeking in it, never decoding it whole; the file stays open as
+// long as the reader lives.
+Stretches openStretches(const std::filesystem::path& file);
 
 // Refines every clip placed by its own audio match against the clip it was matched against, in
 // an order where every partner comes first, so that a clip placed against a refined partner
@@ -80,6 +82,6 @@ std::vector<float> readStretch(const std::filesystem::path& file, double from, d
 // take that clip's correction. The reference stays where it is, and drift is relative to its
 // clock. A clip that cannot be refined, or whose peaks are not clear, keeps its placement.
 // Refined clips get `refinedBy` and, where measured, `driftPpm`. `width` clips are refined at once.
-void refineTracks(std::vector<TrackSource>& tracks, const StretchReader& read, int width);
+void refineTracks(std::vector<TrackSource>& tracks, const StretchOpener& open, int width);
 
 } // namespace Refine

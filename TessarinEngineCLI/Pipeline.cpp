@@ -233,7 +233,7 @@ bool runPipeline(const Request& request, const EventSink& emit, const RunOptions
             std::rethrow_exception(lostEvent);
         }
         if (options.refine) {
-            Refine::refineTracks(placed, Refine::readStretch,
+            Refine::refineTracks(placed, Refine::openStretches,
                                  extractWidth(std::thread::hardware_concurrency()));
         }
 

@@ -460,7 +460,14 @@ struct OpenFile {
     std::vector<int> decodeOfStream;
 };
 
-OpenFile openFile(const std::filesystem::path& path, const std::string& fileName) {
+// How much a stretch's file is read ahead to learn its streams, where a whole decode reads
+// FFmpeg's default (5 MB, 5 s): a stretch needs the same streams but reads only seconds of
+// them, and opening would otherwise cost more than the stretch.
+constexpr std::int64_t kStretchProbeBytes = 1 << 14;
+constexpr std::int64_t kStretchAnalyseMicroseconds = 200000;
+
+OpenFile openFile(const std::filesystem::path& path, const std::string& fileName,
+                  bool readAhead = true) {
     FFmpeg::silenceLogs();
     auto opened = FFmpeg::openLocalMedia(path);
     if (const auto* reason = std::get_if<std::string>(&opened)) {
@@ -468,6 +475,16 @@ OpenFile openFile(const std::filesystem::path& path, const std::string& fileName
     }
     OpenFile f;
     f.format = std::move(std::get<FFmpeg::FormatContext>(opened));
+    if (!readAhead) {
+        f.format->probesize = kStretchProbeBytes;
+        f.format->max_analyze_duration = kStretchAnalyseMicroseconds;
+        // Nor need the pictures be decoded to learn their format.
+        for (unsigned i = 0; i < f.format->nb_streams; ++i) {
+            if (f.format->streams[i]->codecpar->codec_type != AVMEDIA_TYPE_AUDIO) {
+                f.format->streams[i]->discard = AVDISCARD_ALL;
+            }
+        }
+    }
     if (int rc = avformat_find_stream_info(f.format.get(), nullptr); rc < 0) {
         throw TessarinError(Kind::readerStartFailed, FFmpeg::errorText(rc));
     }
@@ -540,7 +557,7 @@ double earliestStart(const OpenFile& f) {
 
 // Decoding starts this long before a stretch: a decoder needs a few frames after a seek before
 // its output is whole again (overlapped transforms, a bit reservoir).
-constexpr double kSeekPreroll = 0.5;
+constexpr double kSeekPreroll = 0.2;
 
 } // namespace
 
@@ -558,27 +575,62 @@ std::vector<float> decodeMixedMono(const std::filesystem::path& path, int rateHz
     return std::move(d.mix);
 }
 
-std::vector<float> decodeStretch(const std::filesystem::path& path, int rateHz, double fromSeconds,
-                                 double seconds) {
+struct StretchDecoder::State {
+    std::string fileName;
+    int rateHz = 0;
+    OpenFile file;
+    double earliest = 0;
+    bool fresh = true;
+};
+
+StretchDecoder::StretchDecoder(const std::filesystem::path& path, int rateHz)
+    : state_(std::make_unique<State>()) {
+    state_->fileName = path.filename().string();
+    state_->rateHz = rateHz;
+    state_->file = openFile(path, state_->fileName, false);
+    state_->earliest = earliestStart(state_->file);
+}
+
+StretchDecoder::~StretchDecoder() = default;
+
+std::vector<float> StretchDecoder::read(double fromSeconds, double seconds) {
+    State& st = *state_;
     Decoding d;
-    d.fileName = path.filename().string();
-    d.rateHz = rateHz;
-    auto f = openFile(path, d.fileName);
+    d.fileName = st.fileName;
+    d.rateHz = st.rateHz;
     const double from = std::max(fromSeconds, 0.0);
-    const auto wanted = static_cast<std::size_t>(std::max(seconds, 0.0) * rateHz);
+    const auto wanted = static_cast<std::size_t>(std::max(seconds, 0.0) * st.rateHz);
     d.stop = wanted;
     d.maxSamples = wanted;
-    d.originSeconds = earliestStart(f) + from;
-    const double seekTo = d.originSeconds - kSeekPreroll;
-    if (from > kSeekPreroll) {
+    d.originSeconds = st.earliest + from;
+    // A file just opened stands at its start; otherwise every read seeks, to its start if need be.
+    if (!st.fresh || from > kSeekPreroll) {
+        const double seekTo = std::max(d.originSeconds - kSeekPreroll, st.earliest);
         const auto ts = static_cast<std::int64_t>(std::floor(seekTo * AV_TIME_BASE));
-        if (avformat_seek_file(f.format.get(), -1, INT64_MIN, ts, ts, 0) < 0) {
+        if (avformat_seek_file(st.file.format.get(), -1, INT64_MIN, ts, ts, 0) < 0) {
             throw TessarinError(Kind::readFailed, "seek");
         }
     }
+    st.fresh = false;
+    for (auto& s : st.file.streams) {
+        avcodec_flush_buffers(s.codec.get());
+        s.resampler.reset();
+        s.inRate = 0;
+        s.inFormat = AV_SAMPLE_FMT_NONE;
+        s.offset = 0;
+        s.laid = 0;
+        s.skip = 0;
+        s.placed = false;
+        s.full = false;
+    }
     d.mix.reserve(wanted);
-    decodeAll(d, f);
+    decodeAll(d, st.file);
     return std::move(d.mix);
+}
+
+std::vector<float> decodeStretch(const std::filesystem::path& path, int rateHz, double fromSeconds,
+                                 double seconds) {
+    return StretchDecoder(path, rateHz).read(fromSeconds, seconds);
 }
 
 std::vector<float> resampleMono(std::span<const float> samples, int fromRateHz, int toRateHz) {

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <span>
 #include <string>
 #include <vector>
@@ -30,6 +31,22 @@ std::vector<float> decodeMixedMono(const std::filesystem::path& path, int rateHz
 // readFailed("seek") when the file cannot seek or its frames carry no timestamps. Thread-safe.
 std::vector<float> decodeStretch(const std::filesystem::path& path, int rateHz, double fromSeconds,
                                  double seconds);
+
+// One file kept open for several stretches, each read as decodeStretch reads it. Opening throws
+// as decodeStretch does. One thread at a time.
+class StretchDecoder {
+public:
+    StretchDecoder(const std::filesystem::path& path, int rateHz);
+    ~StretchDecoder();
+    StretchDecoder(const StretchDecoder&) = delete;
+    StretchDecoder& operator=(const StretchDecoder&) = delete;
+
+    std::vector<float> read(double fromSeconds, double seconds);
+
+private:
+    struct State;
+    std::unique_ptr<State> state_;
+};
 
 // Resamples mono float samples in one pass with the same pinned resampler, flushed to the end;
 // the first output sample lies at the time of the first input sample. Throws TessarinError
