@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cmath>
 #include <exception>
+#include <map>
 #include <memory>
 #include <numeric>
 #include <set>
@@ -32,6 +33,10 @@ constexpr double kLobeSeconds = 0.002;
 constexpr double kMaxDrift = 500e-6;
 // Windows keep this far inside the overlap, so that the searched range stays inside both files.
 constexpr double kEdgeMargin = 0.1;
+// Placing by the windows is repeated until no device's drift moves by this much, and at most so
+// often.
+constexpr double kSettledPpm = 0.1;
+constexpr int kMostSweeps = 6;
 // Shortest overlap worth a window.
 constexpr double kShortestOverlap = 1.0;
 
@@ -163,44 +168,41 @@ bool isClearPeak(const Peak& peak) {
     return peak.score >= kMinPeakScore && peak.runnerUp < kClearRatio * peak.score;
 }
 
-std::optional<Fit> fitLags(const std::vector<WindowLag>& lags) {
-    if (lags.empty()) {
+std::optional<Fit> fitSightings(const std::vector<Sighting>& sightings, bool clockFixed) {
+    if (sightings.empty()) {
         return std::nullopt;
     }
-    if (lags.size() == 1) {
-        return Fit{lags.front().lag, std::nullopt};
-    }
-    const double count = static_cast<double>(lags.size());
+    const double count = static_cast<double>(sightings.size());
     double meanAt = 0;
-    double meanLag = 0;
-    for (const auto& l : lags) {
-        meanAt += l.at / count;
-        meanLag += l.lag / count;
+    double meanWhen = 0;
+    for (const auto& s : sightings) {
+        meanAt += s.at / count;
+        meanWhen += s.when / count;
     }
     double spread = 0;
     double joint = 0;
-    for (const auto& l : lags) {
-        spread += (l.at - meanAt) * (l.at - meanAt);
-        joint += (l.at - meanAt) * (l.lag - meanLag);
+    for (const auto& s : sightings) {
+        spread += (s.at - meanAt) * (s.at - meanAt);
+        joint += (s.at - meanAt) * (s.when - meanWhen);
     }
-    if (spread <= 0) {
+    const auto [first, last] =
+        std::minmax_element(sightings.begin(), sightings.end(),
+                            [](const Sighting& a, const Sighting& b) { return a.at < b.at; });
+    const bool measuresDrift = !clockFixed && last->at - first->at >= kDriftSpanSeconds;
+    // The rate at which the clip's seconds pass on the timeline: 1 for a clock taken as true.
+    const double rate = measuresDrift && spread > 0 ? joint / spread : 1.0;
+    if (std::abs(rate - 1.0) > kMaxDrift) {
         return std::nullopt;
     }
-    const double slope = joint / spread;
-    const double intercept = meanLag - slope * meanAt;
-    if (std::abs(slope) > kMaxDrift) {
-        return std::nullopt;
-    }
-    for (const auto& l : lags) {
-        if (std::abs(intercept + slope * l.at - l.lag) > kFitTolerance) {
+    const double start = meanWhen - rate * meanAt;
+    for (const auto& s : sightings) {
+        if (std::abs(start + rate * s.at - s.when) > kFitTolerance) {
             return std::nullopt;
         }
     }
-    const auto [first, last] = std::minmax_element(
-        lags.begin(), lags.end(), [](const auto& a, const auto& b) { return a.at < b.at; });
-    Fit fit{intercept, std::nullopt};
-    if (last->at - first->at >= kDriftSpanSeconds) {
-        fit.driftPpm = slope * 1e6;
+    Fit fit{start, std::nullopt};
+    if (measuresDrift) {
+        fit.driftPpm = (1.0 - rate) * 1e6;
     }
     return fit;
 }
@@ -232,21 +234,29 @@ struct Placed {
     int index = 0;
 };
 
-// What refining one clip against its partner gives: its new start and drift.
-struct Refinement {
-    double start = 0;
-    std::optional<double> driftPpm;
+// One window pair: where the clip's window lies in it and where the same sound lies in its
+// partner, both in seconds from the file's start. Placements do not enter it, so it holds
+// whatever the partner's placement becomes.
+struct Pairing {
+    double at = 0;
+    double partnerAt = 0;
 };
 
-// One window at `centre` on the timeline, searched around `expectedLag`: the lag found, or
-// nothing when the files do not hold the window or its peak is not clear.
-std::optional<WindowLag> measureWindow(const ClipItem& clip, const ClipItem& partner, double centre,
-                                       double width, double expectedLag, const Stretches& readOwn,
-                                       const Stretches& readTheirs) {
+// What the windows of one clip found against its partner; the middle window comes first.
+struct Measured {
+    std::vector<Pairing> pairings;
+    bool middleFound = false;
+};
+
+// One window at `centre` on the timeline (the band placements of both), searched around
+// `expectedLag` seconds beyond where the band placements put the partner's sound.
+std::optional<Pairing> measureWindow(const ClipItem& clip, const ClipItem& partner, double centre,
+                                     double width, double expectedLag, const Stretches& readOwn,
+                                     const Stretches& readTheirs) {
     const int maxLag = static_cast<int>(std::lround(kSearchSeconds * kRateHz));
-    const double partnerRate = 1.0 - partner.driftPpm.value_or(0.0) * 1e-6;
+    const auto lagSamples = static_cast<std::size_t>(maxLag);
     const double at = centre - clip.startOffset;
-    const double partnerAt = (centre - expectedLag - partner.startOffset) / partnerRate;
+    const double partnerAt = centre + expectedLag - partner.startOffset;
     const double half = width / 2;
     const auto samples = static_cast<std::size_t>(std::lround(width * kRateHz));
     const double margin = static_cast<double>(maxLag) / kRateHz;
@@ -254,33 +264,38 @@ std::optional<WindowLag> measureWindow(const ClipItem& clip, const ClipItem& par
         return std::nullopt;
     }
     auto own = readOwn(at - half, static_cast<double>(samples) / kRateHz);
-    auto theirs =
-        readTheirs(partnerAt - half - margin,
-                   static_cast<double>(samples + 2 * static_cast<std::size_t>(maxLag)) / kRateHz);
-    if (own.size() < samples || theirs.size() < samples + 2 * static_cast<std::size_t>(maxLag)) {
+    auto theirs = readTheirs(partnerAt - half - margin,
+                             static_cast<double>(samples + 2 * lagSamples) / kRateHz);
+    if (own.size() < samples || theirs.size() < samples + 2 * lagSamples) {
         return std::nullopt;
     }
     own.resize(samples);
-    theirs.resize(samples + 2 * static_cast<std::size_t>(maxLag));
+    theirs.resize(samples + 2 * lagSamples);
     const auto peak = correlationPeak(own, theirs, maxLag);
+    if (peak) {
+        EngineLog::log(SyncEngine::format(
+            "[Refine]    '%s' at %.1f s: %+.3f ms from the band placement, peak %.3f, next %.3f%s",
+            clipName(clip).c_str(), at, 1000.0 * (expectedLag + peak->lag / kRateHz),
+            static_cast<double>(peak->score), static_cast<double>(peak->runnerUp),
+            isClearPeak(*peak) ? "" : " (not clear)"));
+    }
     if (!peak || !isClearPeak(*peak)) {
         return std::nullopt;
     }
-    // The clip's content at `at` lies in the partner at partnerAt + lag, which is this moment.
-    const double truth = partner.startOffset + (partnerAt + peak->lag / kRateHz) * partnerRate;
-    return WindowLag{at, centre - truth};
+    return Pairing{at, partnerAt + peak->lag / kRateHz};
 }
 
-// Middle window first, searched around the band placement; then the start and the end, each
-// around the lag that the windows found so far predict.
-std::optional<Refinement> refineAgainst(const ClipItem& clip, const ClipItem& partner,
-                                        const StretchOpener& open) {
+// The middle window first, searched around the band placement; then the start and the end, each
+// around the lag the windows found so far predict. Reads the files; the placements of the two
+// are read only to aim the windows.
+Measured measureAgainst(const ClipItem& clip, const ClipItem& partner, const StretchOpener& open) {
+    Measured measured;
     const double from = std::max(clip.startOffset, partner.startOffset) + kEdgeMargin;
     const double to =
         std::min(clip.startOffset + clip.duration, partner.startOffset + partner.duration) -
         kEdgeMargin;
     if (to - from < kShortestOverlap) {
-        return std::nullopt;
+        return measured;
     }
     const double width = std::min(kWindowSeconds, to - from);
     std::vector<double> centres{(from + to) / 2};
@@ -291,36 +306,60 @@ std::optional<Refinement> refineAgainst(const ClipItem& clip, const ClipItem& pa
     }
     const auto readOwn = open(clip.url);
     const auto readTheirs = open(partner.url);
-    std::vector<WindowLag> found;
+    // Each finding as seconds the partner's sound lies beyond where the band placements put it.
+    std::vector<std::pair<double, double>> lags;
     for (const double centre : centres) {
-        double expected = 0;
-        if (const auto fit = fitLags(found)) {
-            const double slope = found.size() >= 2 ? (found.back().lag - found.front().lag) /
-                                                         (found.back().at - found.front().at)
-                                                   : 0.0;
-            expected = found.front().lag + slope * (centre - clip.startOffset - found.front().at);
+        double expected = lags.empty() ? 0.0 : lags.front().second;
+        if (lags.size() >= 2) {
+            expected += (lags.back().second - lags.front().second) /
+                        (lags.back().first - lags.front().first) * (centre - lags.front().first);
         }
-        if (const auto lag =
-                measureWindow(clip, partner, centre, width, expected, readOwn, readTheirs)) {
-            found.push_back(*lag);
+        const auto found =
+            measureWindow(clip, partner, centre, width, expected, readOwn, readTheirs);
+        if (found) {
+            measured.middleFound = measured.middleFound || centre == centres.front();
+            measured.pairings.push_back(*found);
+            lags.emplace_back(centre, found->partnerAt - (centre - partner.startOffset));
         }
     }
-    const auto fit = fitLags(found);
-    if (!fit) {
+    return measured;
+}
+
+// Where the measured windows put the clip, given where its partner now lies and how fast its
+// clock runs against the reference's. A clip on the reference's own track keeps its clock.
+std::optional<Fit> placeByWindows(const Measured& measured, const ClipItem& partner,
+                                  double partnerDriftPpm, bool clockFixed) {
+    // A lone side window tells the lag at that end only: a drifting clock moves the start, and
+    // the band placement is a fit over the whole clip, whose middle it matches best.
+    if (measured.pairings.size() == 1 && !measured.middleFound) {
         return std::nullopt;
     }
-    return Refinement{clip.startOffset - fit->lagAtStart, fit->driftPpm};
+    const double partnerRate = 1.0 - partnerDriftPpm * 1e-6;
+    std::vector<Sighting> sightings;
+    for (const auto& p : measured.pairings) {
+        sightings.push_back({p.at, partner.startOffset + p.partnerAt * partnerRate});
+    }
+    return fitSightings(sightings, clockFixed);
+}
+
+double median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    const std::size_t mid = values.size() / 2;
+    return values.size() % 2 ? values[mid] : (values[mid - 1] + values[mid]) / 2;
 }
 
 } // namespace
 
 void refineTracks(std::vector<TrackSource>& tracks, const StretchOpener& open, int width) {
     const auto began = std::chrono::steady_clock::now();
-    int refined = 0;
     std::unordered_map<Uuid, Placed> where;
+    std::set<int> referenceTracks;
     for (int t = 0; t < static_cast<int>(tracks.size()); ++t) {
         for (int c = 0; c < static_cast<int>(tracks[t].clips.size()); ++c) {
             where.emplace(tracks[t].clips[c].id, Placed{t, c});
+            if (tracks[t].clips[c].placementPass == PlacementCode::ref) {
+                referenceTracks.insert(t);
+            }
         }
     }
     auto clipAt = [&](Placed p) -> ClipItem& {
@@ -336,81 +375,138 @@ void refineTracks(std::vector<TrackSource>& tracks, const StretchOpener& open, i
         return it == where.end() ? std::nullopt : std::optional<Placed>(it->second);
     };
 
-    // Clips still to settle: a clip is settled once its lead is.
-    std::vector<Placed> pending;
-    for (const auto& [id, p] : where) {
-        const auto& clip = clipAt(p);
-        if ((codeIn(clip, kDirectCodes) || codeIn(clip, kFollowingCodes)) && leadOf(clip)) {
-            pending.push_back(p);
-        }
-    }
-    std::sort(pending.begin(), pending.end(), [](const Placed& a, const Placed& b) {
-        return a.track != b.track ? a.track < b.track : a.index < b.index;
-    });
-    std::set<Uuid> unsettled;
-    for (const auto& p : pending) {
-        unsettled.insert(clipAt(p).id);
-    }
-
-    while (!pending.empty()) {
-        std::vector<Placed> ready;
-        std::vector<Placed> waiting;
-        for (const auto& p : pending) {
-            const auto lead = leadOf(clipAt(p));
-            (unsettled.count(clipAt(*lead).id) ? waiting : ready).push_back(p);
-        }
-        // Leads that wait on each other: the first of them goes as it stands.
-        if (ready.empty()) {
-            ready.push_back(waiting.front());
-            waiting.erase(waiting.begin());
-        }
-
-        std::vector<std::optional<Refinement>> results(ready.size());
-        WorkerWindow::run<std::optional<Refinement>>(
-            ready.size(), static_cast<std::size_t>(std::max(width, 1)),
-            [&](std::size_t i) -> std::optional<Refinement> {
-                const auto& clip = clipAt(ready[i]);
-                if (!codeIn(clip, kDirectCodes)) {
-                    return std::nullopt;
+    std::vector<Placed> settling;
+    std::vector<Placed> direct;
+    for (int t = 0; t < static_cast<int>(tracks.size()); ++t) {
+        for (int c = 0; c < static_cast<int>(tracks[t].clips.size()); ++c) {
+            const auto& clip = tracks[t].clips[c];
+            if ((codeIn(clip, kDirectCodes) || codeIn(clip, kFollowingCodes)) && leadOf(clip)) {
+                settling.push_back({t, c});
+                if (codeIn(clip, kDirectCodes)) {
+                    direct.push_back({t, c});
                 }
-                try {
-                    return refineAgainst(clip, clipAt(*leadOf(clip)), open);
-                } catch (const std::exception&) {
-                    // A file that cannot be read again keeps its band placement.
-                    return std::nullopt;
-                }
-            },
-            [&](std::size_t i, std::optional<Refinement> r) {
-                results[i] = r;
-                return true;
-            });
-
-        for (std::size_t i = 0; i < ready.size(); ++i) {
-            auto& clip = clipAt(ready[i]);
-            const auto& lead = clipAt(*leadOf(clip));
-            const std::string names = "'" + clipName(clip) + "' against '" + clipName(lead) + "'";
-            if (results[i]) {
-                clip.refinedBy = results[i]->start - clip.startOffset;
-                clip.startOffset = results[i]->start;
-                clip.driftPpm = results[i]->driftPpm;
-                EngineLog::log("[Refine] " + names + ": " +
-                               shiftText("refined", *clip.refinedBy, clip.driftPpm));
-                ++refined;
-            } else if (lead.refinedBy && *lead.refinedBy != 0) {
-                // Placed against or through a clip that moved: it moves with it.
-                clip.refinedBy = *lead.refinedBy;
-                clip.startOffset += *lead.refinedBy;
-                if (codeIn(clip, kSameDeviceCodes)) {
-                    clip.driftPpm = lead.driftPpm;
-                }
-                EngineLog::log("[Refine] " + names + ": " +
-                               shiftText("follows", *clip.refinedBy, clip.driftPpm));
-            } else if (codeIn(clip, kDirectCodes)) {
-                EngineLog::log("[Refine] " + names + ": kept");
             }
-            unsettled.erase(clip.id);
         }
-        pending = std::move(waiting);
+    }
+
+    // The files are read once, all clips at a time, against the band placements.
+    std::unordered_map<Uuid, Measured> measured;
+    WorkerWindow::run<Measured>(
+        direct.size(), static_cast<std::size_t>(std::max(width, 1)),
+        [&](std::size_t i) -> Measured {
+            const auto& clip = clipAt(direct[i]);
+            try {
+                return measureAgainst(clip, clipAt(*leadOf(clip)), open);
+            } catch (const std::exception&) {
+                // A file that cannot be read again keeps its band placement.
+                return {};
+            }
+        },
+        [&](std::size_t i, Measured m) {
+            measured.emplace(clipAt(direct[i]).id, std::move(m));
+            return true;
+        });
+
+    // Placing from the findings costs nothing, so it is done until the devices' drifts settle: a
+    // partner whose own windows could not tell its drift runs at its device's drift found the
+    // time before.
+    std::unordered_map<Uuid, double> bandStart;
+    for (const auto& p : settling) {
+        bandStart[clipAt(p).id] = clipAt(p).startOffset;
+    }
+    std::map<int, double> deviceDrift;
+    bool settled = false;
+    int refined = 0;
+    for (int sweep = 0;; ++sweep) {
+        for (const auto& p : settling) {
+            auto& clip = clipAt(p);
+            clip.startOffset = bandStart[clip.id];
+            clip.refinedBy.reset();
+            clip.driftPpm.reset();
+        }
+        std::set<Uuid> unsettled;
+        for (const auto& p : settling) {
+            unsettled.insert(clipAt(p).id);
+        }
+        std::vector<Placed> pending = settling;
+        const bool last = settled || sweep + 1 >= kMostSweeps;
+        while (!pending.empty()) {
+            std::vector<Placed> ready;
+            std::vector<Placed> waiting;
+            for (const auto& p : pending) {
+                (unsettled.count(clipAt(*leadOf(clipAt(p))).id) ? waiting : ready).push_back(p);
+            }
+            // Clips measured against each other: the first goes against the other as it stands.
+            if (ready.empty()) {
+                ready.push_back(waiting.front());
+                waiting.erase(waiting.begin());
+            }
+            for (const auto& p : ready) {
+                auto& clip = clipAt(p);
+                const Placed leadAt = *leadOf(clip);
+                const auto& lead = clipAt(leadAt);
+                const std::string names =
+                    "'" + clipName(clip) + "' against '" + clipName(lead) + "'";
+                std::optional<Fit> fit;
+                if (const auto m = measured.find(clip.id); m != measured.end()) {
+                    double leadDrift = 0;
+                    if (lead.driftPpm) {
+                        leadDrift = *lead.driftPpm;
+                    } else if (const auto d = deviceDrift.find(leadAt.track);
+                               d != deviceDrift.end()) {
+                        leadDrift = d->second;
+                    }
+                    fit = placeByWindows(m->second, lead, leadDrift,
+                                         referenceTracks.count(p.track) > 0);
+                }
+                if (fit) {
+                    clip.refinedBy = fit->start - clip.startOffset;
+                    clip.startOffset = fit->start;
+                    clip.driftPpm = fit->driftPpm;
+                    if (last) {
+                        ++refined;
+                        EngineLog::log("[Refine] " + names + ": " +
+                                       shiftText("refined", *clip.refinedBy, clip.driftPpm));
+                    }
+                } else if (lead.refinedBy && *lead.refinedBy != 0) {
+                    // Placed against or through a clip that moved: it moves with it.
+                    clip.refinedBy = *lead.refinedBy;
+                    clip.startOffset += *lead.refinedBy;
+                    if (codeIn(clip, kSameDeviceCodes)) {
+                        clip.driftPpm = lead.driftPpm;
+                    }
+                    if (last) {
+                        EngineLog::log("[Refine] " + names + ": " +
+                                       shiftText("follows", *clip.refinedBy, clip.driftPpm));
+                    }
+                } else if (last && codeIn(clip, kDirectCodes)) {
+                    EngineLog::log("[Refine] " + names + ": kept");
+                }
+                unsettled.erase(clip.id);
+            }
+            pending = std::move(waiting);
+        }
+        // Each device's drift, as its clips' own windows measured it.
+        std::map<int, std::vector<double>> drifts;
+        for (const auto& p : direct) {
+            if (clipAt(p).driftPpm) {
+                drifts[p.track].push_back(*clipAt(p).driftPpm);
+            }
+        }
+        if (last) {
+            break;
+        }
+        std::map<int, double> found;
+        for (const auto& [track, values] : drifts) {
+            found[track] = median(values);
+        }
+        settled =
+            found.size() == deviceDrift.size() &&
+            std::equal(found.begin(), found.end(), deviceDrift.begin(),
+                       [](const auto& a, const auto& b) {
+                           return a.first == b.first && std::abs(a.second - b.second) < kSettledPpm;
+                       });
+        deviceDrift = std::move(found);
     }
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
     EngineLog::log(SyncEngine::format("[Refine] %d clips refined by their own audio in %.3f s",

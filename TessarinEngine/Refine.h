@@ -49,22 +49,23 @@ std::optional<Peak> correlationPeak(std::span<const float> clip, std::span<const
 // a steady hum, has two or more peaks of a height and tells nothing.
 bool isClearPeak(const Peak& peak);
 
-// One window's finding: where in the clip it lies (seconds from the clip's start) and how much
-// later the clip's content lies there than where it was placed (seconds).
-struct WindowLag {
+// One window's finding: where in the clip it lies (seconds from the clip's start) and where on
+// the timeline its sound truly lies, by the partner's placement.
+struct Sighting {
     double at = 0;
-    double lag = 0;
+    double when = 0;
 };
 
-// What the windows say together: the clip's offset at its start (the lag a line through the
-// windows has at 0) and, where the windows span kDriftSpanSeconds, the line's slope in parts per
-// million. Nothing when the windows disagree by more than kFitTolerance with the line (or, over a
-// shorter span, with their mean).
+// Where the sightings put the clip: the timeline position of its first sample and, where they
+// span kDriftSpanSeconds or more, how fast its clock runs against the timeline's, in parts per
+// million (positive when its content falls progressively later). A clip whose clock is the
+// timeline's own (`clockFixed`), or whose sightings span less, is taken to run true. Nothing when a
+// sighting lies more than kFitTolerance off the line, or the line runs 500 ppm or more off true.
 struct Fit {
-    double lagAtStart = 0;
+    double start = 0;
     std::optional<double> driftPpm;
 };
-std::optional<Fit> fitLags(const std::vector<WindowLag>& lags);
+std::optional<Fit> fitSightings(const std::vector<Sighting>& sightings, bool clockFixed);
 
 // The mono 16 kHz samples of `seconds` of one file from `from` (seconds from its start); shorter
 // or empty where the file ends first. May throw.

@@ -28,7 +28,9 @@ std::vector<float> decodeMixedMono(const std::filesystem::path& path, int rateHz
 // The stretch of `seconds` from `fromSeconds` of what decodeMixedMono gives for the file, the
 // same samples within one at the same times, decoded from a seek point shortly before it rather
 // than from the start. Shorter where the file ends first. Throws as decodeMixedMono does, and
-// readFailed("seek") when the file cannot seek or its frames carry no timestamps. Thread-safe.
+// readFailed("seek") when the file cannot seek, its frames carry no timestamps, or its index shows
+// timestamps that do not advance with the samples (a stretch would not be where a whole decode
+// has it). Thread-safe.
 std::vector<float> decodeStretch(const std::filesystem::path& path, int rateHz, double fromSeconds,
                                  double seconds);
 
