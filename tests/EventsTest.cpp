@@ -7,10 +7,10 @@ TEST(Events, ResultFieldsInOrderWithOptionalFieldsLeftOut) {
     const std::string text = "Strong audio match \u00B7 score 12.3";
     const auto no = std::nullopt;
     const ResultEvent bare("/shoot/A001.mov", "/shoot", "A", "video", 12.5, 30, "synced", no, no,
-                           "ok", text, 2, no, no, no, no, no, no, no);
+                           "ok", text, 2, no, no, no, no, no, no, no, no, no);
     const ResultEvent full("/shoot/A001.mov", "/shoot", "A", "video", 12.5, 30, "synced", 12.34f,
                            "A1", "ok", text, 2, 23.976f, 1920, 1080, "/shoot/A001.R3D", 29.488,
-                           24.0f, 23.976f);
+                           24.0f, 23.976f, -0.0125, 41.5);
     const std::string head =
         R"({"type":"result","path":"\/shoot\/A001.mov","session":"\/shoot","track":"A",)"
         R"("mediaType":"video","startOffset":12.5,"duration":30,"syncStatus":"synced",)";
@@ -22,7 +22,8 @@ TEST(Events, ResultFieldsInOrderWithOptionalFieldsLeftOut) {
                      R"("explanation":"Strong audio match · score 12.3","channelCount":2,)"
                      R"("frameRate":23.97599983215332,"pixelWidth":1920,"pixelHeight":1080,)"
                      R"("picturePath":"\/shoot\/A001.R3D","pictureDuration":29.488,)"
-                     R"("recordFrameRate":24,"conformFrameRate":23.97599983215332})");
+                     R"("recordFrameRate":24,"conformFrameRate":23.97599983215332,)"
+                     R"("refinedBy":-0.0125,"driftPpm":41.5})");
 }
 
 TEST(Events, OtherKindsAndEscapes) {
