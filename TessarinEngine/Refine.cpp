@@ -13,6 +13,7 @@
 #include <exception>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <numeric>
 #include <set>
 #include <string_view>
@@ -37,6 +38,8 @@ constexpr double kEdgeMargin = 0.1;
 // often.
 constexpr double kSettledPpm = 0.1;
 constexpr int kMostSweeps = 6;
+// Files kept open between clips, at most.
+constexpr std::size_t kMostIdleFiles = 64;
 // Shortest overlap worth a window.
 constexpr double kShortestOverlap = 1.0;
 
@@ -73,15 +76,21 @@ std::vector<float> withoutMean(std::span<const float> x) {
     return out;
 }
 
+// The power of two of the transform that holds `size` values.
+unsigned transformLog2(std::size_t size) {
+    unsigned log2n = 1;
+    while ((std::size_t{1} << log2n) < size) {
+        ++log2n;
+    }
+    return log2n;
+}
+
 // sum over i of partner[i + k] * clip[i] for k from 0 to lags - 1, where partner holds
 // clip.size() + lags - 1 values: a circular correlation of the partner's length is enough, since
 // no product of these lags wraps around. Empty when no transform can be had.
 std::vector<double> slidingProducts(const std::vector<float>& partner,
                                     const std::vector<float>& clip, std::size_t lags) {
-    unsigned log2n = 1;
-    while ((std::size_t{1} << log2n) < partner.size()) {
-        ++log2n;
-    }
+    const unsigned log2n = transformLog2(partner.size());
     const Fft::Setup* setup =
         log2n <= SyncCorrelator::kMaxLog2n ? SyncCorrelator::sharedFFTSetup(log2n) : nullptr;
     if (!setup) {
@@ -207,6 +216,12 @@ std::optional<Fit> fitSightings(const std::vector<Sighting>& sightings, bool clo
     return fit;
 }
 
+void prepare() {
+    const auto window = static_cast<std::size_t>(std::lround(kWindowSeconds * kRateHz));
+    const auto search = static_cast<std::size_t>(std::lround(kSearchSeconds * kRateHz));
+    SyncCorrelator::sharedFFTSetup(transformLog2(window + 2 * search));
+}
+
 Stretches openStretches(const std::filesystem::path& file) {
     auto decoder = std::make_shared<MediaDecoder::StretchDecoder>(file, kRateHz);
     return [decoder](double from, double seconds) {
@@ -248,11 +263,64 @@ struct Measured {
     bool middleFound = false;
 };
 
+// Files opened for stretches and kept open for the next clip that reads them: most files are read
+// twice, once as a clip and once as a partner, and opening costs more than a window.
+class FilePool {
+public:
+    explicit FilePool(const StretchOpener& open) : open_(open) {}
+
+    // One reader of a file, to the leaser alone until it goes back to the pool.
+    class Lease {
+    public:
+        Lease(FilePool& pool, const std::filesystem::path& path) : pool_(pool), path_(path) {
+            {
+                std::lock_guard lock(pool_.mutex_);
+                auto& idle = pool_.idle_[path_];
+                if (!idle.empty()) {
+                    reader_ = std::move(idle.back());
+                    idle.pop_back();
+                    --pool_.idleCount_;
+                }
+            }
+            if (!reader_) {
+                reader_ = pool_.open_(path_);
+            }
+        }
+        ~Lease() {
+            std::lock_guard lock(pool_.mutex_);
+            // Beyond that many, a file closes: a day of a thousand clips must not hold a
+            // thousand descriptors.
+            if (pool_.idleCount_ < kMostIdleFiles) {
+                pool_.idle_[path_].push_back(std::move(reader_));
+                ++pool_.idleCount_;
+            }
+        }
+        Lease(const Lease&) = delete;
+        Lease& operator=(const Lease&) = delete;
+
+        std::vector<float> operator()(double from, double seconds) const {
+            return reader_(from, seconds);
+        }
+
+    private:
+        FilePool& pool_;
+        std::filesystem::path path_;
+        Stretches reader_;
+    };
+
+private:
+    const StretchOpener& open_;
+    std::mutex mutex_;
+    std::map<std::filesystem::path, std::vector<Stretches>> idle_;
+    std::size_t idleCount_ = 0;
+};
+
 // One window at `centre` on the timeline (the band placements of both), searched around
 // `expectedLag` seconds beyond where the band placements put the partner's sound.
 std::optional<Pairing> measureWindow(const ClipItem& clip, const ClipItem& partner, double centre,
-                                     double width, double expectedLag, const Stretches& readOwn,
-                                     const Stretches& readTheirs) {
+                                     double width, double expectedLag,
+                                     const FilePool::Lease& readOwn,
+                                     const FilePool::Lease& readTheirs) {
     const int maxLag = static_cast<int>(std::lround(kSearchSeconds * kRateHz));
     const auto lagSamples = static_cast<std::size_t>(maxLag);
     const double at = centre - clip.startOffset;
@@ -288,7 +356,7 @@ std::optional<Pairing> measureWindow(const ClipItem& clip, const ClipItem& partn
 // The middle window first, searched around the band placement; then the start and the end, each
 // around the lag the windows found so far predict. Reads the files; the placements of the two
 // are read only to aim the windows.
-Measured measureAgainst(const ClipItem& clip, const ClipItem& partner, const StretchOpener& open) {
+Measured measureAgainst(const ClipItem& clip, const ClipItem& partner, FilePool& files) {
     Measured measured;
     const double from = std::max(clip.startOffset, partner.startOffset) + kEdgeMargin;
     const double to =
@@ -304,8 +372,8 @@ Measured measureAgainst(const ClipItem& clip, const ClipItem& partner, const Str
         centres.push_back(from + width / 2);
         centres.push_back(to - width / 2);
     }
-    const auto readOwn = open(clip.url);
-    const auto readTheirs = open(partner.url);
+    const FilePool::Lease readOwn(files, clip.url);
+    const FilePool::Lease readTheirs(files, partner.url);
     // Each finding as seconds the partner's sound lies beyond where the band placements put it.
     std::vector<std::pair<double, double>> lags;
     for (const double centre : centres) {
@@ -390,13 +458,14 @@ void refineTracks(std::vector<TrackSource>& tracks, const StretchOpener& open, i
     }
 
     // The files are read once, all clips at a time, against the band placements.
+    FilePool files(open);
     std::unordered_map<Uuid, Measured> measured;
     WorkerWindow::run<Measured>(
         direct.size(), static_cast<std::size_t>(std::max(width, 1)),
         [&](std::size_t i) -> Measured {
             const auto& clip = clipAt(direct[i]);
             try {
-                return measureAgainst(clip, clipAt(*leadOf(clip)), open);
+                return measureAgainst(clip, clipAt(*leadOf(clip)), files);
             } catch (const std::exception&) {
                 // A file that cannot be read again keeps its band placement.
                 return {};

@@ -73,6 +73,10 @@ using Stretches = std::function<std::vector<float>(double from, double seconds)>
 // Opens a file for reading stretches. May throw.
 using StretchOpener = std::function<Stretches(const std::filesystem::path&)>;
 
+// Makes ready, once per process, the transform that full windows are correlated in; refining
+// makes it on first use otherwise. Thread-safe.
+void prepare();
+
 // Reads stretches of the file by seeking in it, never decoding it whole; the file stays open as
 // long as the reader lives.
 Stretches openStretches(const std::filesystem::path& file);

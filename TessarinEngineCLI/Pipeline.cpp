@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <atomic>
 #include <exception>
+#include <future>
 #include <thread>
 
 namespace Pipeline {
@@ -139,6 +140,11 @@ ResultEvent makeResultEvent(const TrackSource& track, const ClipItem& clip) {
 }
 
 bool runPipeline(const Request& request, const EventSink& emit, const RunOptions& options) {
+    // What refining needs from the start is made while the run reads metadata and features.
+    std::future<void> refineReady;
+    if (options.refine) {
+        refineReady = std::async(std::launch::async, Refine::prepare);
+    }
     try {
         IngestEngine ingest;
         ingest.completeShootSessions = {request.completeShootSessions.begin(),
@@ -233,6 +239,7 @@ bool runPipeline(const Request& request, const EventSink& emit, const RunOptions
             std::rethrow_exception(lostEvent);
         }
         if (options.refine) {
+            refineReady.wait();
             Refine::refineTracks(placed, Refine::openStretches,
                                  extractWidth(std::thread::hardware_concurrency()));
         }
