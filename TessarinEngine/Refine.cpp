@@ -27,8 +27,6 @@ namespace {
 constexpr float kMinPeakScore = 0.2f;
 // Another peak reaching this share of the best makes the range ambiguous.
 constexpr float kClearRatio = 0.8f;
-// Lags this close to the best belong to its own lobe.
-constexpr double kLobeSeconds = 0.002;
 // No camera or recorder clock runs this far off; a line steeper than this joins lags of two
 // different events.
 constexpr double kMaxDrift = 500e-6;
@@ -120,7 +118,7 @@ std::vector<double> slidingProducts(const std::vector<float>& partner,
 } // namespace
 
 std::optional<Peak> correlationPeak(std::span<const float> clip, std::span<const float> partner,
-                                    int maxLag) {
+                                    int maxLag, double lobeSeconds) {
     constexpr std::size_t kShortestWindow = 256;
     const std::size_t n = clip.size();
     const auto lags = static_cast<std::size_t>(2 * maxLag + 1);
@@ -163,7 +161,7 @@ std::optional<Peak> correlationPeak(std::span<const float> clip, std::span<const
             peak.lag += 0.5 * (before - after) / curvature;
         }
     }
-    const auto lobe = static_cast<std::size_t>(kLobeSeconds * kRateHz);
+    const auto lobe = static_cast<std::size_t>(lobeSeconds * kRateHz);
     for (std::size_t k = 0; k < lags; ++k) {
         const std::size_t apart = k > best ? k - best : best - k;
         if (apart >= lobe) {
@@ -580,6 +578,162 @@ void refineTracks(std::vector<TrackSource>& tracks, const StretchOpener& open, i
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
     EngineLog::log(SyncEngine::format("[Refine] %d clips refined by their own audio in %.3f s",
                                       refined, took.count()));
+}
+
+namespace {
+
+// Shorter clips than this are the ones band features cannot place.
+constexpr double kShortClip = 8.0;
+// How far either way of the clock a short clip is sought.
+constexpr double kShortReach = 1.0;
+constexpr double kHighPassHz = 300.0;
+constexpr float kSampleFloor = 0.3f;
+constexpr float kSampleClearRatio = 0.9f;
+// Pitch makes voiced speech alike a few milliseconds on; a rival must lie beyond that.
+constexpr double kShortLobeSeconds = 0.010;
+
+// `x` without what lies below `hz`: its spectrum's low bins cleared.
+std::vector<float> highPassed(const std::vector<float>& x, double hz) {
+    const Fft::Setup* setup = SyncCorrelator::sharedFFTSetup(transformLog2(x.size()));
+    if (!setup || x.empty()) {
+        return x;
+    }
+    const std::size_t n = setup->size();
+    Fft::RealBuffer buffer(n);
+    std::copy(x.begin(), x.end(), buffer.begin());
+    Fft::ComplexBuffer spectrum(setup->spectrumSize());
+    setup->forward(buffer, spectrum);
+    const auto below = static_cast<std::size_t>(std::ceil(hz * static_cast<double>(n) / kRateHz));
+    for (std::size_t m = 0; m < std::min(below, spectrum.size()); ++m) {
+        spectrum[m] = 0;
+    }
+    setup->inverse(spectrum, buffer);
+    std::vector<float> out(x.size());
+    for (std::size_t i = 0; i < x.size(); ++i) {
+        out[i] = buffer[i] / static_cast<float>(n);
+    }
+    return out;
+}
+
+// Whether a clip's placement can be measured against: placed by audio, or the reference.
+bool placedByEvidence(const ClipItem& clip) {
+    return clip.syncStatus == SyncStatus::synced && clip.placementPass &&
+           *clip.placementPass != PlacementCode::clock &&
+           *clip.placementPass != PlacementCode::interp &&
+           *clip.placementPass != PlacementCode::interpNoAudio;
+}
+
+} // namespace
+
+void placeShortClipsBySamples(std::vector<TrackSource>& tracks, const StretchOpener& open,
+                              int width) {
+    struct Job {
+        int track = 0;
+        int index = 0;
+        int partnerTrack = 0;
+        int partnerIndex = 0;
+    };
+    std::vector<Job> jobs;
+    for (int t = 0; t < static_cast<int>(tracks.size()); ++t) {
+        for (int c = 0; c < static_cast<int>(tracks[t].clips.size()); ++c) {
+            const auto& clip = tracks[t].clips[c];
+            if (clip.placementPass != PlacementCode::clock || clip.duration >= kShortClip ||
+                clip.audioUsability != AudioUsability::ok) {
+                continue;
+            }
+            // The partner must hold the whole searched range.
+            const double from = clip.startOffset - kShortReach - kEdgeMargin;
+            const double to = clip.startOffset + clip.duration + kShortReach + kEdgeMargin;
+            std::optional<Job> best;
+            for (int u = 0; u < static_cast<int>(tracks.size()); ++u) {
+                if (u == t ||
+                    (tracks[u].deviceName && tracks[u].deviceName == tracks[t].deviceName)) {
+                    continue;
+                }
+                for (int d = 0; d < static_cast<int>(tracks[u].clips.size()); ++d) {
+                    const auto& other = tracks[u].clips[d];
+                    if (placedByEvidence(other) && other.audioUsability == AudioUsability::ok &&
+                        other.startOffset <= from && other.startOffset + other.duration >= to &&
+                        !best) {
+                        best = Job{t, c, u, d};
+                    }
+                }
+            }
+            if (best) {
+                jobs.push_back(*best);
+            }
+        }
+    }
+
+    const int maxLag = static_cast<int>(std::lround(kShortReach * kRateHz));
+    FilePool files(open);
+    std::vector<std::optional<Peak>> peaks(jobs.size());
+    WorkerWindow::run<std::optional<Peak>>(
+        jobs.size(), static_cast<std::size_t>(std::max(width, 1)),
+        [&](std::size_t i) -> std::optional<Peak> {
+            const auto& job = jobs[i];
+            const auto& clip = tracks[job.track].clips[job.index];
+            const auto& partner = tracks[job.partnerTrack].clips[job.partnerIndex];
+            try {
+                const auto samples = static_cast<std::size_t>(clip.duration * kRateHz);
+                const FilePool::Lease readOwn(files, clip.url);
+                const FilePool::Lease readTheirs(files, partner.url);
+                auto own = readOwn(0, static_cast<double>(samples) / kRateHz);
+                const double partnerFrom = clip.startOffset - partner.startOffset - kShortReach;
+                const std::size_t span = samples + 2 * static_cast<std::size_t>(maxLag);
+                auto theirs = readTheirs(partnerFrom, static_cast<double>(span) / kRateHz);
+                if (own.size() < samples || theirs.size() < span) {
+                    return std::nullopt;
+                }
+                own.resize(samples);
+                theirs.resize(span);
+                return correlationPeak(highPassed(own, kHighPassHz),
+                                       highPassed(theirs, kHighPassHz), maxLag, kShortLobeSeconds);
+            } catch (const std::exception&) {
+                return std::nullopt;
+            }
+        },
+        [&](std::size_t i, std::optional<Peak> peak) {
+            peaks[i] = peak;
+            return true;
+        });
+
+    for (std::size_t i = 0; i < jobs.size(); ++i) {
+        auto& clip = tracks[jobs[i].track].clips[jobs[i].index];
+        const auto& partner = tracks[jobs[i].partnerTrack].clips[jobs[i].partnerIndex];
+        const auto& peak = peaks[i];
+        if (!peak) {
+            continue;
+        }
+        const bool clear =
+            peak->score >= kSampleFloor && peak->runnerUp < kSampleClearRatio * peak->score;
+        EngineLog::log(SyncEngine::format(
+            "[Refine] short '%s' against '%s': %+.3f s from its clock, peak %.3f, next %.3f%s",
+            clipName(clip).c_str(), clipName(partner).c_str(), peak->lag / kRateHz,
+            static_cast<double>(peak->score), static_cast<double>(peak->runnerUp),
+            clear ? "" : " (kept)"));
+        if (!clear) {
+            continue;
+        }
+        const double start = clip.startOffset + peak->lag / kRateHz;
+        // Its own track's neighbours stay where they are.
+        const auto& own = tracks[jobs[i].track].clips;
+        const bool collides = start < 0 || std::any_of(own.begin(), own.end(), [&](const auto& o) {
+                                  return &o != &clip && o.startOffset < start + clip.duration &&
+                                         start < o.startOffset + o.duration;
+                              });
+        if (collides) {
+            continue;
+        }
+        clip.startOffset = start;
+        clip.syncStatus = SyncStatus::synced;
+        clip.placementPass = PlacementCode::A3s;
+        clip.matchScore.reset();
+        clip.placementNote =
+            SyncEngine::format("correlation %.2f against '", static_cast<double>(peak->score)) +
+            clipName(partner) + "'";
+        clip.placedAgainst = partner.id;
+    }
 }
 
 } // namespace Refine

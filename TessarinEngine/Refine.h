@@ -41,8 +41,9 @@ struct Peak {
 // partner[i + maxLag + k]; each side's window is taken with its mean removed, so neither the
 // level nor a constant offset of either signal counts. The peak's position is interpolated by a
 // parabola through its neighbours. Nothing when either window is silent or too short.
+// `lobeSeconds` is how close to the best a lag still belongs to its own peak.
 std::optional<Peak> correlationPeak(std::span<const float> clip, std::span<const float> partner,
-                                    int maxLag);
+                                    int maxLag, double lobeSeconds = 0.002);
 
 // Whether the peak tells one lag: it correlates at least 0.2 and nothing clear of its own
 // lobe (2 ms away or more) reaches 0.8 of it. A range holding two alike events, a repeated knock,
@@ -80,6 +81,15 @@ void prepare();
 // Reads stretches of the file by seeking in it, never decoding it whole; the file stays open as
 // long as the reader lives.
 Stretches openStretches(const std::filesystem::path& file);
+
+// Short clips that their device's proven clock laid, because the band features of a few seconds
+// said too little, sought sample by sample within a second of that clock against the clip of
+// another device that covers them, above 300 Hz (wind on a small camera's microphone drowns
+// what lies below). A clip whose correlation peaks at 0.3 or more, with nothing 10 ms or more
+// away reaching 0.9 of it (unrelated audio peaks under 0.15 over that range), moves there and
+// is synced, placement "A3s". Others stay.
+void placeShortClipsBySamples(std::vector<TrackSource>& tracks, const StretchOpener& open,
+                              int width);
 
 // Refines every clip placed by its own audio match against the clip it was matched against, in
 // an order where every partner comes first, so that a clip placed against a refined partner

@@ -95,6 +95,7 @@ std::string ClipItem::placementExplanation() const {
          "Synced only against other cameras \u2014 no external recorder nearby"},
         {PlacementCode::A3bBroll, "Long take placed via nearby B-roll"},
         {PlacementCode::chapter, "Continues the previous chapter of the same recording"},
+        {PlacementCode::A3s, "Short clip matched sample by sample near its device clock"},
     };
 
     const std::string code = placementPass.value_or("");

@@ -48,6 +48,7 @@ inline constexpr const char* A3bBroll = "A3b-broll";  // a long take found near 
 inline constexpr const char* A3cam = "A3cam";         // matched against a sibling camera
 inline constexpr const char* A3cluster = "A3cluster"; // linked among cameras only
 inline constexpr const char* A4 = "A4";               // found by a whole-pool probe
+inline constexpr const char* A3s = "A3s";             // a short clip found sample by sample
 inline constexpr const char* p1 = "p1";               // a Pass 1 hit not yet accepted
 inline constexpr const char* interp = "interp";       // laid between neighbours
 inline constexpr const char* interpNoAudio = "interp-noaudio";

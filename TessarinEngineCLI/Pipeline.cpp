@@ -238,10 +238,11 @@ bool runPipeline(const Request& request, const EventSink& emit, const RunOptions
         if (lostEvent) {
             std::rethrow_exception(lostEvent);
         }
+        const int width = extractWidth(std::thread::hardware_concurrency());
+        Refine::placeShortClipsBySamples(placed, Refine::openStretches, width);
         if (options.refine) {
             refineReady.wait();
-            Refine::refineTracks(placed, Refine::openStretches,
-                                 extractWidth(std::thread::hardware_concurrency()));
+            Refine::refineTracks(placed, Refine::openStretches, width);
         }
 
         int clipCount = 0;
