@@ -360,3 +360,39 @@ TEST(Refine, WithoutTheFlagTheResultsAreTheBandPlacementAndRefiningOnlyAddsToThe
     }
     EXPECT_NEAR(starts["clip.wav"] - starts["ref.wav"], from / static_cast<double>(kRate), 0.0002);
 }
+
+TEST(Refine, AShortClipLaidByItsClockIsFoundSampleBySampleOrLeftWhereItWas) {
+    const auto master = burstyNoise(60, 31);
+    const auto unrelated = burstyNoise(60, 32);
+    for (const bool related : {true, false}) {
+        SCOPED_TRACE(related);
+        MemoryFiles memory;
+        memory.files["ref.wav"] = master;
+        // 3 s of the master from 20.25 s, laid by its clock 0.3 s early.
+        const auto& source = related ? master : unrelated;
+        std::vector<float> heard(source.begin() + 20 * kRate + kRate / 4,
+                                 source.begin() + 23 * kRate + kRate / 4);
+        // The camera hears sound of its own too: what it shares correlates well under 1.
+        const auto own = burstyNoise(3, 33);
+        for (std::size_t i = 0; i < heard.size(); ++i) {
+            heard[i] += own[i];
+        }
+        memory.files["clip.wav"] = heard;
+        auto tracks = twoTracks(60, 3, 19.95);
+        tracks[0].clips[0].syncStatus = SyncStatus::synced;
+        auto& clip = tracks[1].clips[0];
+        clip.placementPass = PlacementCode::clock;
+        clip.syncStatus = SyncStatus::weak;
+        clip.placedAgainst.reset();
+        Refine::placeShortClipsBySamples(tracks, memory.opener(), 1);
+        if (related) {
+            EXPECT_NEAR(clip.startOffset, 20.25, 1.0 / kRate);
+            EXPECT_EQ(clip.placementPass, PlacementCode::A3s);
+            EXPECT_EQ(clip.syncStatus, SyncStatus::synced);
+            EXPECT_EQ(clip.placedAgainst, tracks[0].clips[0].id);
+        } else {
+            EXPECT_DOUBLE_EQ(clip.startOffset, 19.95);
+            EXPECT_EQ(clip.placementPass, PlacementCode::clock);
+        }
+    }
+}
