@@ -575,6 +575,18 @@ void refineTracks(std::vector<TrackSource>& tracks, const StretchOpener& open, i
                        });
         deviceDrift = std::move(found);
     }
+    // The timeline starts at 0: a clip refined to before the first one moves everything along.
+    double earliest = 0;
+    for (const auto& track : tracks) {
+        for (const auto& clip : track.clips) {
+            earliest = std::min(earliest, clip.startOffset);
+        }
+    }
+    for (auto& track : tracks) {
+        for (auto& clip : track.clips) {
+            clip.startOffset -= earliest;
+        }
+    }
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
     EngineLog::log(SyncEngine::format("[Refine] %d clips refined by their own audio in %.3f s",
                                       refined, took.count()));

@@ -96,7 +96,8 @@ void placeShortClipsBySamples(std::vector<TrackSource>& tracks, const StretchOpe
 // inherits its correction; clips placed through another clip (its channels, chapters, siblings)
 // take that clip's correction. The reference stays where it is, and drift is relative to its
 // clock. A clip that cannot be refined, or whose peaks are not clear, keeps its placement.
-// Refined clips get `refinedBy` and, where measured, `driftPpm`. `width` clips are refined at once.
+// Refined clips get `refinedBy` and, where measured, `driftPpm`. A clip refined to before 0 moves
+// the whole timeline along so that it starts at 0 again. `width` clips are refined at once.
 void refineTracks(std::vector<TrackSource>& tracks, const StretchOpener& open, int width);
 
 } // namespace Refine
