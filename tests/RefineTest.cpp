@@ -312,6 +312,9 @@ TEST(Refine, WithoutTheFlagTheResultsAreTheBandPlacementAndRefiningOnlyAddsToThe
     EXPECT_EQ(refined.err.find("Unknown argument"), std::string::npos);
     EXPECT_EQ(plain.out.find("refined"), std::string::npos);
     EXPECT_EQ(plain.out.find("driftPpm"), std::string::npos);
+    EXPECT_EQ(plain.err.find("refined by their own audio"), std::string::npos)
+        << "without the flag the step does not run";
+    EXPECT_NE(refined.err.find("1 clips refined by their own audio"), std::string::npos);
 
     // Results and the closing event; progress of parallel extraction comes in any order.
     const auto placements = [](const std::string& out) {
