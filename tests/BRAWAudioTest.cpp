@@ -180,13 +180,3 @@ TEST(BRAWAudio, LoaderTakesTheFirstCandidateThatExistsAndSaysWhatBecameOfIt) {
     EXPECT_EQ(*static_cast<int*>(load.factory), 42);
 }
 
-TEST(BRAWAudio, WithoutTheLibraryNoClipIsRead) {
-    if (isAvailable()) {
-        GTEST_SKIP() << "the Blackmagic RAW library is installed here";
-    }
-    TestSupport::TempDir dir;
-    TestSupport::writeText(dir / "A001.braw", "not really a clip");
-    EXPECT_FALSE(readAudio(dir / "A001.braw", {}));
-    EXPECT_EQ(std::get<Error>(readAudioOrError(dir / "A001.braw", {})),
-              (Error{1, "Blackmagic RAW framework not found on this machine"}));
-}

@@ -121,21 +121,6 @@ TEST(IngestEngine, ChannelFilesOfOneTrackSplitIntoOneTrackPerChannel) {
                                 [](const TrackSource& t) { return t.siblingOf.has_value(); }),
                   followers);
     }
-    TestSupport::LogCapture log;
-    IngestEngine::splitChannelTracks({recorder({"SCENE01", "SCENE02"}, {"_1", "_2"})});
-    EXPECT_EQ(log.lines(), std::vector<std::string>{
-                               "[Ingest] channel-split 'Sound': 4/4 clips have a channel twin in "
-                               "the track — one track per channel: Sound 1=2, Sound 2=2"});
-}
-
-TEST(IngestEngine, ChannelStems) {
-    const std::pair<const char*, const char*> cases[] = {
-        {"/r/SCENE12_3.wav", "SCENE12"}, {"/r/_3.wav", "_3"},   {"/r/TAKE.wav", "TAKE"},
-        {"/r/A_B_C.wav", "A_B"},         {"/r/T1_.wav", "T1_"}, {"/r/Sc_1_Tr1.WAV", "Sc_1"},
-    };
-    for (const auto& [file, stem] : cases) {
-        EXPECT_EQ(IngestEngine::channelStem(file), stem) << file;
-    }
 }
 
 TEST(IngestEngine, TwinsShareStemLengthAndClock) {

@@ -82,9 +82,6 @@ TEST(MediaMetadata, BroadcastWaveDeviceComesFromTheFirstChunkNamingOne) {
          rw::wave({bext("Deva", "MAKER=Zaxcom\nMODEL=Nova")}), "Deva"},
         {"iXML before bext comes first", rw::wave({ixml, bext("Deva")}),
          "Sound Devices MixPre-6 II"},
-        {"empty bext, then iXML", rw::wave({bext(""), ixml}), "Sound Devices MixPre-6 II"},
-        {"lower-case chunk id and tags",
-         rw::wave({rw::text("ixml", "<manufacturer>Tascam</manufacturer>")}), "Tascam"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -97,8 +94,6 @@ TEST(MediaMetadata, BroadcastWaveTimecodeIsTimeReferenceOverSampleRate) {
     const Case<std::optional<double>> cases[] = {
         {"96 kHz, one hour in",
          rw::wave({rw::fmt(1, 96000, 24), rw::bext(recorderBext(345600000))}), 3600.0},
-        {"above 32 bits", rw::wave({fmt, rw::bext(recorderBext(1ull << 33))}),
-         8589934592.0 / 48000},
         {"no fmt: 48 kHz assumed", rw::wave({rw::bext(recorderBext(24000))}), 0.5},
         // TimeReference takes bytes 338 to 346 of the chunk.
         {"bext of 346 bytes", rw::wave({fmt, rw::bext(recorderBext(24000), 346)}), 0.5},
@@ -121,7 +116,6 @@ TEST(MediaMetadata, SonyXmlDateCarriesItsZone) {
          kJulyFirstUtc},
         {"bytes after it that are no UTF-8", endingIn(sonyXml("2023-07-01T14:25:30Z") + "\xFF"),
          std::nullopt},
-        {"no XML", endingIn("lastUpdate=\"2023-07-01T14:25:30Z\""), std::nullopt},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -138,10 +132,8 @@ TEST(MediaMetadata, SonyTimecodeComesFromATopLevelMetaAndReadsBackToFront) {
     const std::pair<std::string, std::optional<double>> cases[] = {
         {nrtm("25", 0, "12595923"), 86399.48},
         {nrtm("25", 0, "25595923"), std::nullopt},
-        {nrtm("30", 0, "00600010"), std::nullopt},
         // No change at frame 0: the first increment.
         {nrtm("25", 120, "01000010"), 36000.04},
-        {nrtm("", 0, "12595923"), std::nullopt},
     };
     for (const auto& [xml, seconds] : cases) {
         SCOPED_TRACE(xml);
@@ -168,9 +160,6 @@ TEST(MediaMetadata, CameraFromXmlAttributes) {
         {"<Clip><Lens model=\"FE 24-70\"/></Clip>", "FE 24-70"},
         {"<Clip><Lens model=\"FE 24-70\"/><Device manufacturer=\"Sony\" modelName=\"FX3\"/></Clip>",
          "Sony FX3"},
-        // Elements before a parse error count.
-        {"<a><Device manufacturer=\"Sony\" modelName=\"FX6\"/><b></a>", "Sony FX6"},
-        {"<Clip><Take name=\"1\"/></Clip>", std::nullopt},
     };
     for (const auto& [xml, device] : cases) {
         SCOPED_TRACE(xml);
@@ -189,12 +178,10 @@ TEST(MediaMetadata, CameraAttributesArePropertyListsOrText) {
          "FX30"},
         {"empty model skipped",
          plist("<key>Model</key><string></string><key>DeviceModel</key><string>A7</string>"), "A7"},
-        {"dictionary without a model", plist("<key>ISO</key><string>800</string>"), std::nullopt},
         // libplist's copying getter aborts on this: the value up to the NUL is the model.
         {"NUL inside the model",
          plist("<key>Model</key><string>A" + std::string(1, '\0') + "B</string>"), "A"},
         {"plain text", qt::text(std::string("ZV-E10\n\0", 8)), "ZV-E10"},
-        {"invalid UTF-8", Bytes{0xC3, 0x28}, std::nullopt},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -232,7 +219,6 @@ protected:
         ffmpeg("-i " + path("tc.mov") + " -map 0:v -c copy -metadata:s:v:0 rotate=90",
                "rotated.mov");
         ffmpeg(video + "-c:v prores_ks", "prores.mov");
-        ffmpeg("-f lavfi -i sine=r=44100:d=0.5 -c:a aac", "audio.m4a");
 
         const Bytes sonyBox = qt::box("meta", qt::text(sonyXml("2023-07-01T14:25:30+09:00")));
         for (const char* name : {"sony.MOV", "sony.mxf", "C0001.MP4"}) {
@@ -296,7 +282,6 @@ TEST_F(MediaMetadataFiles, ReadsMediaProperties) {
         {"tc.mov", 25.0f, std::pair{64, 36}, 1.0, 1},
         {"ntsc.mp4", 30000.0f / 1001, std::pair{64, 36}, 1.0, 2},
         {"rotated.mov", 25.0f, std::pair{36, 64}, 1.0, 1},
-        {"audio.m4a", std::nullopt, std::nullopt, 0.5, 1},
         {"ZOOM0001.WAV", std::nullopt, std::nullopt, 0.5, 2},
         {"float6.wav", std::nullopt, std::nullopt, 0.1, 6},
         // A recorder that stopped before fixing its sizes: what the file holds plays.
@@ -327,7 +312,6 @@ TEST_F(MediaMetadataFiles, ChannelIndicesFromIXML) {
         {"indices 3 and 4", rw::wave({ixmlTracks({"3", "4"})}), 2, {3, 4}},
         {"count does not match", rw::wave({ixmlTracks({"3", "4"})}), 3, {1, 2, 3}},
         {"an index twice", rw::wave({ixmlTracks({"3", "3"})}), 2, {1, 2}},
-        {"white space around numbers", rw::wave({ixmlTracks({" 7 ", "\n8"})}), 2, {7, 8}},
         {"Latin-1 chunk", latin1, 2, {5, 6}},
     };
     for (const auto& c : cases) {
@@ -336,9 +320,6 @@ TEST_F(MediaMetadataFiles, ChannelIndicesFromIXML) {
     }
     EXPECT_EQ(MediaMetadata::readClipMeta(path("ZOOM0001.WAV")).channelMap,
               (std::vector<int>{3, 4}));
-    // Only WAV names are read for iXML.
-    write("a.mp4", rw::wave({ixmlTracks({"3", "4"})}));
-    EXPECT_EQ(MediaMetadata::readAudioChannelIndices(path("a.mp4"), 2), (std::vector<int>{1, 2}));
 }
 
 TEST_F(MediaMetadataFiles, EachFieldTakesItsBestSourceFirst) {

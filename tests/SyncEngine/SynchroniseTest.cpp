@@ -193,16 +193,3 @@ TEST(Synchronise, CancelledRunReturnsItsInput) {
     EXPECT_FALSE(log.contains("DONE"));
 }
 
-TEST(Synchronise, LayoutLogShowsEveryClip) {
-    TestSupport::LogCapture log;
-    auto cam = makeCamera("Cam", {40});
-    cam.clips[0].url = "/shoot/Scène.mov";
-    runEngine({makeRecorder("Rec", {60}), cam});
-    // Names are padded to 28 characters, not bytes.
-    EXPECT_TRUE(log.contains("[SyncEngine]    Rec_0" + std::string(23, ' ') +
-                             "  start=0.0s  end=60.0s  OK  raw=  —   score=0.0 [ref]"));
-    EXPECT_TRUE(log.contains("[SyncEngine]    Scène" + std::string(23, ' ') +
-                             "  start=0.0s  end=40.0s  !!  raw=  —   score=0.0 [interp]"));
-    EXPECT_EQ(log.lines().back(),
-              "[SyncEngine] DONE: timeline=60s (0h01m), synced=1 weak=0 failed=1 / 2");
-}
