@@ -21,6 +21,15 @@ struct Clip {
     std::optional<double> driftPpm;
     std::optional<std::pair<int, int>> size;
 
+    Clip() = default;
+    Clip(std::string path_, std::string track_, std::string mediaType_, double start_,
+         double duration_, std::string status_ = "synced",
+         std::optional<double> frameRate_ = std::nullopt,
+         std::optional<double> driftPpm_ = std::nullopt,
+         std::optional<std::pair<int, int>> size_ = std::nullopt)
+        : path(std::move(path_)), track(std::move(track_)), mediaType(std::move(mediaType_)),
+          start(start_), duration(duration_), status(std::move(status_)), frameRate(frameRate_),
+          driftPpm(driftPpm_), size(size_) {}
 };
 
 inline nlohmann::ordered_json resultEvent(const Clip& c) {
