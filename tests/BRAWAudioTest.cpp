@@ -179,4 +179,3 @@ TEST(BRAWAudio, LoaderTakesTheFirstCandidateThatExistsAndSaysWhatBecameOfIt) {
     ASSERT_NE(load.factory, nullptr);
     EXPECT_EQ(*static_cast<int*>(load.factory), 42);
 }
-

@@ -59,6 +59,12 @@ TEST(RequestDecoding, AcceptsAndRejects) {
         {R"({"version":999,"items":[],"extra":{"x":1}})", true},
         {R"({"version":"1","items":[]})", false},
         {R"({"version":1.5,"items":[]})", false},
+        {R"({"version":1.0,"items":[]})", false},
+        {R"({"version":1e2,"items":[]})", false},
+        {R"({"version":-9223372036854775808,"items":[]})", true},
+        {R"({"version":9223372036854775807,"items":[]})", true},
+        {R"({"version":9223372036854775808,"items":[]})", false},
+        {R"({"version":-9223372036854775809,"items":[]})", false},
         {R"({"items":[]})", false},
         {R"({"version":1})", false},
         {R"({"version":1,"items":null})", false},
@@ -134,7 +140,7 @@ std::vector<nlohmann::json> ofType(const std::vector<nlohmann::json>& all, const
 
 } // namespace
 
-TEST(Cli, InputReadsPipesAndVersionIsAnIntegerToken) {
+TEST(Cli, InputReadsPipes) {
     TestSupport::TempDir dir;
     const std::string request = R"({"version":1,"items":[]})";
     const std::string noMedia =
@@ -148,20 +154,6 @@ TEST(Cli, InputReadsPipesAndVersionIsAnIntegerToken) {
     auto fromStdin =
         TestSupport::runProcess({TESSARIN_CLI_PATH, "--input", "/dev/stdin"}, request, {cache});
     EXPECT_EQ(fromStdin.out, noMedia) << fromStdin.err;
-
-    const std::pair<const char*, bool> versions[] = {
-        {"1", true},
-        {"-9223372036854775808", true},
-        {"9223372036854775807", true},
-        {"9223372036854775808", false},
-        {"-9223372036854775809", false},
-        {"1.0", false},
-        {"1e2", false},
-    };
-    for (const auto& [version, accepted] : versions) {
-        const std::string json = std::string(R"({"version":)") + version + R"(,"items":[]})";
-        EXPECT_EQ(decodeRequest(json).has_value(), accepted) << json;
-    }
 }
 
 TEST(Cli, APathWithANulIsRefusedForThatItemAlone) {

@@ -63,15 +63,11 @@ TEST(IngestEngine, SplitByDeviceFoldsSmallKeysOnlyInLargeFolders) {
     };
     const Case cases[] = {
         // The folded clips all name one device, which the "(other)" track then carries.
-        {{{"Canon R5", 2}, {"Sony FX3", 18}},
-         "Sony FX3/Sony FX3/18; Drop (other)/Canon R5/2"},
-        {{{"Sony FX3", 17}, {"Canon R5", 2}},
-         "Sony FX3/Sony FX3/17; Canon R5/Canon R5/2"},
-        {{{"Sony FX3", 18}, {"Canon R5", 3}},
-         "Sony FX3/Sony FX3/18; Canon R5/Canon R5/3"},
+        {{{"Canon R5", 2}, {"Sony FX3", 18}}, "Sony FX3/Sony FX3/18; Drop (other)/Canon R5/2"},
+        {{{"Sony FX3", 17}, {"Canon R5", 2}}, "Sony FX3/Sony FX3/17; Canon R5/Canon R5/2"},
+        {{{"Sony FX3", 18}, {"Canon R5", 3}}, "Sony FX3/Sony FX3/18; Canon R5/Canon R5/3"},
         // When every key is small, none is folded.
-        {{{"A", 2}, {"B", 2}, {"", 17}},
-         "A/A/2; B/B/2; Drop (other)/-/17"},
+        {{{"A", 2}, {"B", 2}, {"", 17}}, "A/A/2; B/B/2; Drop (other)/-/17"},
         // Spellings of one model are one device, named as first met.
         {{{"Sony FX3", 2}, {"SONY-FX3 123456", 3}}, "Drop/Sony FX3/5"},
         {{{"cam_hevc", 4}}, "Drop/-/4"},

@@ -213,9 +213,9 @@ TEST(IngestEngine, CameraGroupProposalsDescribeTheRun) {
     EXPECT_EQ(p.sequenceHint, "C0120 → C0121, C0125 → C0126");
 
     // Only accepted proposals count, and one whose tracks are gone takes no number.
-    const auto out = IngestEngine::applyCameraGroups({a, b, c}, {gone, p, p}, {gone.id, p.id});
-    EXPECT_EQ(out[0].cameraGroup, "cam-1");
     auto gone = p;
     gone.id = Uuid::random();
     gone.trackIDs = {a.id, Uuid::random()};
+    const auto out = IngestEngine::applyCameraGroups({a, b, c}, {gone, p, p}, {gone.id, p.id});
+    EXPECT_EQ(out[0].cameraGroup, "cam-1");
 }

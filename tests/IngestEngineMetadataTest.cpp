@@ -18,7 +18,6 @@ TrackSource trackOf(const std::string& name, const std::vector<std::string>& fil
     return t;
 }
 
-
 } // namespace
 
 TEST(IngestEngine, LoadMetadataReadsEachUnreadClipOnceAndFoldsIt) {
@@ -100,12 +99,10 @@ TEST(IngestEngine, ZonedDatesAreReadAsWallClockWhereTheOtherDevicesShowIt) {
     };
     const Case cases[] = {
         {"Broadcast WAV beside UTC-07:00", kWall, embedded, -420, kMoment + 5, kWall + 5},
-        {"no device shows an offset", kWall, embedded, std::nullopt, kMoment + 5, kMoment + 5},
         {"names read in the shoot's zone agree already", *namedInShootZone, filename, -420,
          kMoment + 5, kMoment + 5},
         {"apart by other than the offset", kWall - 3 * 3600, embedded, -420, kMoment + 5,
          kMoment + 5},
-        {"only file dates beside it", kWall, filesystem, -420, kMoment + 5, kMoment + 5},
         {"an offset of 20 min", kWall, embedded, -20, kWall + 1205, kWall + 1205},
         {"an offset of 30 min", kWall, embedded, 30, kWall - 1795, kWall + 5},
     };

@@ -46,26 +46,6 @@ ExtractOutcome succeed(const ExtractJob& j, std::optional<double> refined = {}) 
 
 } // namespace
 
-TEST(Pipeline, ExtractPhaseNeverRunsMoreThanItsWidth) {
-    EXPECT_EQ(Pipeline::extractWidth(1), 2);
-    EXPECT_EQ(Pipeline::extractWidth(3), 3);
-    EXPECT_EQ(Pipeline::extractWidth(8), 4);
-
-    Phase phase(std::vector<double>(12, 10.0));
-    std::atomic<int> active{0}, highest{0};
-    phase.run(3, [&](const ExtractJob& j) {
-        const int now = ++active;
-        for (int seen = highest; now > seen && !highest.compare_exchange_weak(seen, now);) {
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        --active;
-        return succeed(j);
-    });
-    EXPECT_LE(highest.load(), 3);
-    EXPECT_GE(highest.load(), 2);
-    EXPECT_EQ(phase.events.size(), 12u);
-}
-
 TEST(Pipeline, OutcomesFoldInOrderOfFinishingAndBrokenClipsLeaveTheRunGoing) {
     // Weights 0.5 (floor for 0 s), 0.5 (floor for 0.3 s), 2.0 and 0.5: 3.5 in all.
     Phase phase({0.0, 0.3, 2.0, 0.5});
@@ -147,12 +127,7 @@ TEST(Pipeline, RunLevelErrorsEndTheRun) {
 
 TEST(Pipeline, SecondExtractionOfAFileComesFromTheCache) {
     TestSupport::TempDir dir;
-    // Restored however the test ends, an assertion included.
-    struct CacheFolder {
-        std::filesystem::path previous = EnvelopeCache::cacheDir();
-        ~CacheFolder() { EnvelopeCache::setCacheDir(previous); }
-    } restore;
-    EnvelopeCache::setCacheDir(dir / "cache");
+    TestSupport::ScopedCacheFolder folder(dir / "cache");
     const auto wav = dir / "tone.wav";
     MediaFixtures::writeWav(wav, MediaFixtures::sine(440.0, 0.5f, 3.0, 16000));
     const ExtractJob job{0, 0, wav, 2.9};

@@ -117,4 +117,3 @@ TEST(LayoutChain, AnchorsOfOtherDevicesRunSideBySide) {
     const auto laid = lay({100, 60, 300}, {}, {{0, 1000.0}, {1, 1090.0}, {2, 995.0}}, 0, {0, 0, 1});
     EXPECT_EQ(laid.pos, (std::vector<double>{1000, 1100, 995}));
 }
-

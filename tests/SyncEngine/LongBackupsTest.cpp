@@ -44,8 +44,10 @@ TEST(LongBackups, WhichTracksCountAsOneDayLongRecording) {
 TEST(LongBackups, ClockMarginOfFifteenMinutesDecidesOverlap) {
     // The reference's clips are dated kDay and kDay + 600.
     const std::vector<std::pair<std::optional<Date>, bool>> cases = {
-        {kDay - 1800, true},          {kDay - 1800.5, false}, {kDay + 600 + 1800, true},
-        {kDay + 600 + 1800.5, false}, {std::nullopt, true},
+        {kDay - 1800, true},
+        {kDay - 1800.5, false},
+        {kDay + 600 + 1800.5, false},
+        {std::nullopt, true},
     };
     for (const auto& [date, overlaps] : cases) {
         SCOPED_TRACE(date.value_or(0) - kDay);

@@ -192,4 +192,3 @@ TEST(Synchronise, CancelledRunReturnsItsInput) {
     EXPECT_DOUBLE_EQ(out[1].clips[1].startOffset, 40.0);
     EXPECT_FALSE(log.contains("DONE"));
 }
-

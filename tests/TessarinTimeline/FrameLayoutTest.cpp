@@ -13,9 +13,10 @@ Timeline timelineOf(const std::vector<TimelineFixtures::Clip>& clips) {
 } // namespace
 
 TEST(FrameLayout, RatesBecomeTheirRationalFormAndSoundAloneTakesTheDefault) {
-    const std::pair<double, FrameRate> cases[] = {
-        {static_cast<float>(23.976), {24000, 1001}}, {static_cast<float>(59.94), {60000, 1001}},
-        {12.5, {25, 2}}, {0.0, {25, 1}}};
+    const std::pair<double, FrameRate> cases[] = {{static_cast<float>(23.976), {24000, 1001}},
+                                                  {static_cast<float>(59.94), {60000, 1001}},
+                                                  {12.5, {25, 2}},
+                                                  {0.0, {25, 1}}};
     for (const auto& [fps, rate] : cases) {
         EXPECT_EQ(FrameLayout::rationalRate(fps), rate) << fps;
     }

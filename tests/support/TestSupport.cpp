@@ -1,8 +1,10 @@
 #include "tests/support/TestSupport.h"
 
+#include "TessarinEngine/EnvelopeCache.h"
+
 #include <chrono>
-#include <csignal>
 #include <condition_variable>
+#include <csignal>
 #include <cstdlib>
 #include <ctime>
 #include <fcntl.h>
@@ -48,6 +50,15 @@ ScopedTimeZone::ScopedTimeZone(const char* zone) {
 ScopedTimeZone::~ScopedTimeZone() {
     previous_ ? setenv("TZ", previous_->c_str(), 1) : unsetenv("TZ");
     tzset();
+}
+
+ScopedCacheFolder::ScopedCacheFolder(const std::filesystem::path& dir)
+    : previous_(EnvelopeCache::cacheDir()) {
+    EnvelopeCache::setCacheDir(dir);
+}
+
+ScopedCacheFolder::~ScopedCacheFolder() {
+    EnvelopeCache::setCacheDir(previous_);
 }
 
 LogCapture::LogCapture() : previous_(EngineLog::sink()) {

@@ -70,6 +70,19 @@ ProcessResult runProcess(const std::vector<std::string>& argv, const std::string
 
 void writeText(const std::filesystem::path& file, const std::string& text);
 
+// Points the feature cache at `dir` for one scope and restores the folder it had, however the
+// scope ends.
+class ScopedCacheFolder {
+public:
+    explicit ScopedCacheFolder(const std::filesystem::path& dir);
+    ~ScopedCacheFolder();
+    ScopedCacheFolder(const ScopedCacheFolder&) = delete;
+    ScopedCacheFolder& operator=(const ScopedCacheFolder&) = delete;
+
+private:
+    std::filesystem::path previous_;
+};
+
 // Sets the process's time zone (TZ) for one scope and restores it after.
 class ScopedTimeZone {
 public:
