@@ -124,6 +124,10 @@ TEST(AudioExtractor, LevellingPullsBlocksTowardsTheMedianWithinItsLimits) {
         // Even count: the median is the upper middle value 0.4, the floor 0.02 (5% of it) is
         // above the quietest block, whose gain is the floor gain 20 held to 8: raw 8 4 1 0.5.
         {{0.01f, 0.1f, 0.4f, 0.8f}, {13.0 / 3, 13.5 / 4, 13.5 / 4, 5.5 / 3}},
+        // Median 0.1 and the quietest audible block 0.02 set the floor gain at 5. The block of
+        // near silence is below the floor and takes that gain, not its own 8: raw 1 1 5 1 5 1 1.
+        {{0.1f, 0.1f, 0.02f, 0.1f, 0.00005f, 0.1f, 0.1f},
+         {7.0 / 3, 2, 13.0 / 5, 13.0 / 5, 13.0 / 5, 2, 7.0 / 3}},
     };
     for (const auto& [blocks, g] : cases) {
         SCOPED_TRACE(blocks.size());
@@ -146,12 +150,18 @@ TEST(AudioExtractor, LevellingPullsBlocksTowardsTheMedianWithinItsLimits) {
         EXPECT_NEAR(gainAt(3), 0.75 * g[0] + 0.25 * g[1], 1e-5);
         EXPECT_NEAR(gainAt(before.size() - 1), g.back(), 1e-5);
     }
-    // Blocks no louder than an RMS of 0.0001 are left alone, not even scaled.
-    std::vector<float> nearSilent(3 * 6400, 0.0f);
-    nearSilent[100] = nearSilent[6500] = 0.002f; // an RMS of 0.002 / 80
-    auto levelled = nearSilent;
-    AudioExtractor::levelAudio(levelled, 16000.0);
-    EXPECT_EQ(levelled, nearSilent);
+    // Blocks no louder than an RMS of 0.0001 say nothing: a take of them is left alone, not even
+    // scaled, while one just above is levelled to its peak of 0.5.
+    for (const float level : {0.00009f, 0.00012f}) {
+        std::vector<float> quiet(12, level);
+        AudioExtractor::levelAudio(quiet, 10.0);
+        EXPECT_NEAR(peakOf(quiet), level > 0.0001f ? 0.5f : level, 1e-6) << level;
+    }
+    // Under two blocks there is no median to level to: however quiet, the take is only scaled.
+    std::vector<float> shortTake = {0.00002f, -0.00004f, 0.00001f, 0.0f, 0.00003f, 0.0f};
+    AudioExtractor::levelAudio(shortTake, 10.0);
+    EXPECT_FLOAT_EQ(peakOf(shortTake), 0.5f);
+    EXPECT_FLOAT_EQ(shortTake[0], 0.25f);
 }
 
 TEST(AudioExtractor, ResamplingKeepsLengthLevelAndTime) {

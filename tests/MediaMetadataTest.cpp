@@ -230,6 +230,11 @@ protected:
                                "</NonRealTimeMeta>");
         write("tc_sony.mov", qt::cat({MediaFixtures::readBytes(path("tc.mov")), sonyBox}));
         fs::copy_file(path("A001_20230701_142530.mp4"), path("DJI_01_0001.mp4"));
+        // A container that names its model and dates itself, under a dated name and beside a
+        // sidecar naming another camera.
+        fs::copy_file(path("tc.mov"), path("A002_20230115_080000.mov"));
+        fs::copy_file(path("tc.mov"), path("C0002.MOV"));
+        fs::copy_file(path("C0001M01.XML"), path("C0002M01.XML"));
 
         const qt::Track meta{.handler = "meta",
                              .sampleEntry = qt::mebxEntry({{1, "com.example.camera.model"}}),
@@ -349,6 +354,9 @@ TEST_F(MediaMetadataFiles, EachFieldTakesItsBestSourceFirst) {
         {"sony.mxf", "SONY", now, filesystem, 86399.48},
         // A sidecar comes before the file's own XML.
         {"C0001.MP4", "Sony FX3", kSony, embedded, 86399.48},
+        // The container's model before a sidecar; a dated name before the container's date.
+        {"C0002.MOV", "Cam1", kJulyFirstUtc, asset, 3723.16},
+        {"A002_20230115_080000.mov", "Cam1", 1673766000, filename, 3723.16},
         {"timed.mov", "Cam A", now, filesystem, std::nullopt},
         {"make_only.mov", "Acme", now, filesystem, std::nullopt},
         {"DJI_01_0001.mp4", "DJI 01", now, filesystem, std::nullopt},

@@ -1,12 +1,14 @@
 #include "TessarinEngineCLI/Pipeline.h"
 
 #include "TessarinEngine/EnvelopeCache.h"
+#include "tests/R3DHeaderTestBytes.h"
 #include "tests/support/MediaFixtures.h"
 #include "tests/support/TestSupport.h"
 
 #include <atomic>
 #include <chrono>
 #include <gtest/gtest.h>
+#include <random>
 #include <thread>
 
 using Pipeline::ExtractJob;
@@ -143,4 +145,42 @@ TEST(Pipeline, SecondExtractionOfAFileComesFromTheCache) {
     ASSERT_TRUE(second.bands);
     EXPECT_FALSE(second.refinedDuration);
     EXPECT_EQ(*second.bands, *first.bands);
+}
+
+TEST(Pipeline, ARedTakeReportsItsPictureFileAndBothRates) {
+    using namespace R3DTestBytes;
+    TestSupport::TempDir dir;
+    TestSupport::ScopedCacheFolder folder(dir / "cache");
+    // A take recorded at 24 frames a second and conformed to 24000/1001, its sound in a WAV of
+    // its own; a recorder beside it heard the same noise.
+    const auto take = dir / "A001_0305XY.RDM" / "A001_C001_0305XY.RDC";
+    std::filesystem::create_directories(take);
+    std::filesystem::create_directories(dir / "Sound");
+    const auto picture = take / "A001_C001_0305XY_001.R3D";
+    write(picture, header({real(102, 24.0f), text(196, "A001_C001_0305XY.wav")}, Rdi{}));
+    std::mt19937 rng(4);
+    std::normal_distribution<float> noise(0.0f, 0.2f);
+    std::vector<float> heard(12 * 16000);
+    for (auto& v : heard) {
+        v = noise(rng);
+    }
+    MediaFixtures::writeWav(take / "A001_C001_0305XY.wav", heard);
+    MediaFixtures::writeWav(dir / "Sound" / "T001.wav", heard);
+    Request request;
+    request.items = {{picture.string(), dir.path().string()},
+                     {(dir / "Sound" / "T001.wav").string(), (dir / "Sound").string()}};
+    std::vector<ResultEvent> results;
+    ASSERT_TRUE(Pipeline::runPipeline(request, [&](const Event& e) {
+        if (const auto* r = std::get_if<ResultEvent>(&e)) {
+            results.push_back(*r);
+        }
+    }));
+    ASSERT_EQ(results.size(), 2u);
+    const auto& r = results[0].picturePath ? results[0] : results[1];
+    EXPECT_EQ(r.path, (take / "A001_C001_0305XY.wav").string());
+    EXPECT_EQ(r.picturePath, picture.string());
+    EXPECT_EQ(r.recordFrameRate, 24.0f);
+    EXPECT_EQ(r.conformFrameRate, static_cast<float>(24000.0 / 1001.0));
+    // A lone take has no next edge to measure its picture by: it ends a little before its sound.
+    EXPECT_NEAR(r.pictureDuration.value_or(0), 12.0 - 0.512, 1e-6);
 }

@@ -32,25 +32,6 @@ std::pair<Sound, Sound> machineShoot() {
     return out;
 }
 
-// One chain of every clip in one region, chained in the order the tracks are given.
-struct ChainRig {
-    Run run;
-    ChainState chain;
-    std::vector<PoolSpan> noSpans;
-
-    explicit ChainRig(std::vector<TrackSource> tracks) : run(regionRun(std::move(tracks))) {
-        chain.init(run, run.region.clips);
-        chain.checkSpans = &noSpans;
-    }
-    void place(int i, double pos, bool strong, float score = 9.0f) {
-        chain.place(run, i, pos, PlacementRecord{pos, score, "A1", std::nullopt, std::nullopt});
-        if (strong) {
-            chain.strong.insert(i);
-        }
-    }
-    const ClipItem& clip(int i) const { return run.clip(chain.refs[i]); }
-};
-
 } // namespace
 
 TEST(Rescues, CameraCrossTakesItsBestWitnessInsideTheBracket) {

@@ -114,15 +114,16 @@ TEST(Synchronise, RegionsAndSessionsAreTreatedInOrderWithGapsBetween) {
     auto other = makeTrack("Other", SourceType::audio, {}, "/elsewhere");
     auto lone = makeRecorder("Lone", {10});
     lone.session = "/elsewhere";
-    EXPECT_EQ(referencesChosen({a, b, c, other, lone}),
+    // The shorter session comes first in the request; the longer is laid out first all the same.
+    EXPECT_EQ(referencesChosen({other, lone, a, b, c}),
               (std::vector<std::string>{"C", "B", "A", "Lone"}));
 
-    const auto out = runEngine({a, b, c, other, lone});
+    const auto out = runEngine({other, lone, a, b, c});
     // day-10 at 0, day-2 two seconds after it, cam-a two after that; the second session 4 s on.
-    EXPECT_DOUBLE_EQ(out[2].clips[0].startOffset, 0.0);
-    EXPECT_DOUBLE_EQ(out[1].clips[0].startOffset, 22.0);
-    EXPECT_DOUBLE_EQ(out[0].clips[0].startOffset, 74.0);
-    EXPECT_DOUBLE_EQ(out[4].clips[0].startOffset, 178.0);
+    EXPECT_DOUBLE_EQ(out[4].clips[0].startOffset, 0.0);
+    EXPECT_DOUBLE_EQ(out[3].clips[0].startOffset, 22.0);
+    EXPECT_DOUBLE_EQ(out[2].clips[0].startOffset, 74.0);
+    EXPECT_DOUBLE_EQ(out[1].clips[0].startOffset, 178.0);
 }
 
 TEST(Synchronise, ClipsWithoutEvidenceAreFailedOnCamerasAndWeakOnRecorders) {
