@@ -12,7 +12,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <limits>
-#include <random>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -271,12 +270,7 @@ TEST(AudioExtractor, AFileCostsNoMoreThanItsContainerHonestlyHolds) {
 
 TEST(AudioExtractor, NonFiniteSamplesAreReadAsZero) {
     // Noise at 48 kHz, so the damaged samples pass through the resampler's filter.
-    std::mt19937 rng(5);
-    std::normal_distribution<float> noise(0.0f, 0.1f);
-    std::vector<float> clean(2 * 48000);
-    for (auto& v : clean) {
-        v = noise(rng);
-    }
+    const auto clean = noise(2 * 48000, 0.1f, 5);
     TestSupport::TempDir dir;
     const float bad[] = {std::numeric_limits<float>::quiet_NaN(),
                          std::numeric_limits<float>::infinity(),

@@ -144,14 +144,10 @@ TEST(BRAWAudio, ClipsWithoutUsableAudio) {
 
 TEST(BRAWAudio, LoaderTakesTheFirstCandidateThatExistsAndSaysWhatBecameOfIt) {
     TestSupport::TempDir dir;
-    TestSupport::writeText(dir / "entry.c",
-                           "static int marker = 42;\n"
-                           "void* CreateBlackmagicRawFactoryInstance(void) { return &marker; }\n");
-    TestSupport::writeText(dir / "other.c", "int somethingElse(void) { return 1; }\n");
-    for (const std::string name : {"entry", "other"}) {
-        auto cc = TestSupport::runProcess({"cc", "-shared", "-fPIC", "-o",
-                                           (dir / ("lib" + name + ".so")).string(),
-                                           (dir / (name + ".c")).string()});
+    for (const auto& [name, source] :
+         {std::pair{"libentry.so", TestSupport::kStandInRawFactory},
+          std::pair{"libother.so", "int somethingElse(void) { return 1; }\n"}}) {
+        const auto cc = TestSupport::buildSharedLibrary(dir / name, source);
         if (cc.exitCode != 0) {
             GTEST_SKIP() << "no C compiler to build a stand-in library: " << cc.err;
         }

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <random>
 #include <sstream>
 
 TEST(Cli, ExitCodesAndMessages) {
@@ -102,12 +101,7 @@ namespace fs = std::filesystem;
 
 // Two recorders in two folders that heard the same 8 s of noise, a.wav 2 s after b.wav began.
 void writeTwoRecorders(const fs::path& dir) {
-    std::mt19937 rng(11);
-    std::normal_distribution<float> noise(0.0f, 0.2f);
-    std::vector<float> heard(10 * 16000);
-    for (auto& v : heard) {
-        v = noise(rng);
-    }
+    const auto heard = MediaFixtures::noise(10 * 16000, 0.2f, 11);
     fs::create_directories(dir / "CamA");
     fs::create_directories(dir / "Sound");
     MediaFixtures::writeWav(dir / "Sound" / "b.wav", std::span(heard).first(8 * 16000));
@@ -209,13 +203,10 @@ TEST(Cli, EventsReachOnlyStandardOutputAndALostOneFailsTheRun) {
     TestSupport::TempDir dir;
     // Many short clips, so that cache files are being written while events go out.
     std::vector<nlohmann::json> items;
-    std::mt19937 rng(3);
-    std::normal_distribution<float> noise(0.0f, 0.2f);
     for (const std::string folder : {"A", "B"}) {
         fs::create_directories(dir / folder);
         for (int i = 0; i < 30; ++i) {
-            std::vector<float> clip(8000);
-            std::ranges::generate(clip, [&] { return noise(rng); });
+            const auto clip = MediaFixtures::noise(8000, 0.2f, unsigned(items.size()));
             const auto file = dir / folder / ("c" + std::to_string(i) + ".wav");
             MediaFixtures::writeWav(file, clip);
             items.push_back(item(file.string(), (dir / folder).string()));
@@ -262,13 +253,9 @@ TEST(Cli, EventsReachOnlyStandardOutputAndALostOneFailsTheRun) {
 TEST(Cli, BlackmagicRawIsAvailableOnlyWhenClipsCanBeRead) {
     TestSupport::TempDir dir;
     // A library that loads and makes a factory, beside a copy of the program that finds it.
-    TestSupport::writeText(dir / "entry.c",
-                           "static int marker = 42;\n"
-                           "void* CreateBlackmagicRawFactoryInstance(void) { return &marker; }\n");
     const auto library = dir / "bin" / "libBlackmagicRawAPI.so";
     fs::create_directories(dir / "bin");
-    const auto cc = TestSupport::runProcess(
-        {"cc", "-shared", "-fPIC", "-o", library.string(), (dir / "entry.c").string()});
+    const auto cc = TestSupport::buildSharedLibrary(library, TestSupport::kStandInRawFactory);
     if (cc.exitCode != 0) {
         GTEST_SKIP() << "no C compiler to build a stand-in library: " << cc.err;
     }

@@ -8,7 +8,6 @@
 #include <atomic>
 #include <chrono>
 #include <gtest/gtest.h>
-#include <random>
 #include <thread>
 
 using Pipeline::ExtractJob;
@@ -158,12 +157,7 @@ TEST(Pipeline, ARedTakeReportsItsPictureFileAndBothRates) {
     std::filesystem::create_directories(dir / "Sound");
     const auto picture = take / "A001_C001_0305XY_001.R3D";
     write(picture, header({real(102, 24.0f), text(196, "A001_C001_0305XY.wav")}, Rdi{}));
-    std::mt19937 rng(4);
-    std::normal_distribution<float> noise(0.0f, 0.2f);
-    std::vector<float> heard(12 * 16000);
-    for (auto& v : heard) {
-        v = noise(rng);
-    }
+    const auto heard = MediaFixtures::noise(12 * 16000, 0.2f, 4);
     MediaFixtures::writeWav(take / "A001_C001_0305XY.wav", heard);
     MediaFixtures::writeWav(dir / "Sound" / "T001.wav", heard);
     Request request;

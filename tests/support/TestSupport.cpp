@@ -164,6 +164,12 @@ void writeText(const std::filesystem::path& file, const std::string& text) {
     out << text;
 }
 
+ProcessResult buildSharedLibrary(const std::filesystem::path& library, const std::string& source) {
+    const auto file = library.parent_path() / (library.stem().string() + ".c");
+    writeText(file, source);
+    return runProcess({"cc", "-shared", "-fPIC", "-o", library.string(), file.string()});
+}
+
 ProcessResult makeShoot(const std::filesystem::path& dir, const std::string& scenario,
                         std::optional<int> seed) {
     std::vector<std::string> args{"/usr/bin/python3",
