@@ -39,22 +39,12 @@ std::string summary(const std::vector<TrackSource>& tracks) {
     return out;
 }
 
-std::string joined(const std::vector<std::string>& lines) {
-    std::string out;
-    for (const auto& l : lines) {
-        out += (out.empty() ? "" : "\n") + l;
-    }
-    return out;
-}
-
 } // namespace
 
 TEST(IngestEngine, DeviceKeysAndClipNumbers) {
     const std::pair<const char*, const char*> keys[] = {
         {"MAKER MAKER X-100 1234567", "MAKER X 100"},
-        {"Maker DIGITAL CAMERA", "MAKER"},
         {"ZOOM H6 12345 678901", "ZOOM H6"},
-        {"Cam 1234", "CAM 1234"},
         {"  --  ", ""},
     };
     for (const auto& [name, key] : keys) {
@@ -63,7 +53,6 @@ TEST(IngestEngine, DeviceKeysAndClipNumbers) {
     using Key = IngestEngine::NumericKey;
     EXPECT_EQ(IngestEngine::clipNumericKey("/x/A001C002.mov"), (Key{"A001C", 2}));
     EXPECT_FALSE(IngestEngine::clipNumericKey("/x/0120.MP4"));
-    EXPECT_FALSE(IngestEngine::clipNumericKey("/x/Take.wav"));
     EXPECT_FALSE(IngestEngine::clipNumericKey("/x/A99999999999999999999.mov"));
 }
 
@@ -71,35 +60,23 @@ TEST(IngestEngine, SplitByDeviceFoldsSmallKeysOnlyInLargeFolders) {
     struct Case {
         std::vector<std::pair<std::string, int>> devices;
         const char* expected;
-        const char* log;
     };
     const Case cases[] = {
         // The folded clips all name one device, which the "(other)" track then carries.
-        {{{"Canon R5", 2}, {"Sony FX3", 18}},
-         "Sony FX3/Sony FX3/18; Drop (other)/Canon R5/2",
-         "[Ingest] device-split 'Drop': 1 device key(s) with fewer than 3 clips folded into "
-         "'(other)'\n[Ingest] device-split 'Drop': Sony FX3=18, other=2"},
-        {{{"Sony FX3", 17}, {"Canon R5", 2}},
-         "Sony FX3/Sony FX3/17; Canon R5/Canon R5/2",
-         "[Ingest] device-split 'Drop': Sony FX3=17, Canon R5=2"},
-        {{{"Sony FX3", 18}, {"Canon R5", 3}},
-         "Sony FX3/Sony FX3/18; Canon R5/Canon R5/3",
-         "[Ingest] device-split 'Drop': Sony FX3=18, Canon R5=3"},
+        {{{"Canon R5", 2}, {"Sony FX3", 18}}, "Sony FX3/Sony FX3/18; Drop (other)/Canon R5/2"},
+        {{{"Sony FX3", 17}, {"Canon R5", 2}}, "Sony FX3/Sony FX3/17; Canon R5/Canon R5/2"},
+        {{{"Sony FX3", 18}, {"Canon R5", 3}}, "Sony FX3/Sony FX3/18; Canon R5/Canon R5/3"},
         // When every key is small, none is folded.
-        {{{"A", 2}, {"B", 2}, {"", 17}},
-         "A/A/2; B/B/2; Drop (other)/-/17",
-         "[Ingest] device-split 'Drop': A=2, B=2, other=17"},
+        {{{"A", 2}, {"B", 2}, {"", 17}}, "A/A/2; B/B/2; Drop (other)/-/17"},
         // Spellings of one model are one device, named as first met.
-        {{{"Sony FX3", 2}, {"SONY-FX3 123456", 3}}, "Drop/Sony FX3/5", ""},
-        {{{"cam_hevc", 4}}, "Drop/-/4", ""},
+        {{{"Sony FX3", 2}, {"SONY-FX3 123456", 3}}, "Drop/Sony FX3/5"},
+        {{{"cam_hevc", 4}}, "Drop/-/4"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.expected);
-        TestSupport::LogCapture log;
         const auto in = trackOf("Drop", SourceType::video, c.devices);
         const auto out = IngestEngine::splitSourcesByDevice({in});
         EXPECT_EQ(summary(out), c.expected);
-        EXPECT_EQ(joined(log.lines()), c.log);
         // A track that was split lays its clips of 2 s end to end afresh; one that was not keeps
         // its id.
         for (const auto& t : out) {
@@ -114,13 +91,9 @@ TEST(IngestEngine, SplitKeepsTheEightLargestOfManyDevices) {
     for (int k = 0; k < 12; ++k) {
         devices.push_back({"Model " + std::string(1, char('A' + k)), k < 8 ? 5 - k / 4 : 3});
     }
-    TestSupport::LogCapture log;
     auto out = IngestEngine::splitSourcesByDevice({trackOf("Card", SourceType::video, devices)});
     ASSERT_EQ(out.size(), 9u);
     EXPECT_EQ(summary({out[7], out[8]}), "Model H/Model H/4; Card (other)/Model I/12");
-    EXPECT_TRUE(log.contains("[Ingest] device-split 'Card': 12 device keys — keeping the 8 "
-                             "largest as tracks, the rest in '(other)'. Check this folder by "
-                             "hand: select clips and press N to move them to their own track."));
 }
 
 TEST(IngestEngine, SplitAdoptsUnnamedClipsByFileNamePrefixAndSortsThem) {

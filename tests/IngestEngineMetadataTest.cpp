@@ -18,9 +18,6 @@ TrackSource trackOf(const std::string& name, const std::vector<std::string>& fil
     return t;
 }
 
-// 2024-03-01 00:00:00 UTC.
-constexpr Date kDay = 1709251200;
-
 } // namespace
 
 TEST(IngestEngine, LoadMetadataReadsEachUnreadClipOnceAndFoldsIt) {
@@ -66,36 +63,6 @@ TEST(IngestEngine, LoadMetadataReadsEachUnreadClipOnceAndFoldsIt) {
     EXPECT_EQ(out[2].clips[0].duration, 7);
 }
 
-TEST(IngestEngine, LoadMetadataLogsEachTracksClockInLocalTime) {
-    // Berlin is UTC+1 on 1 March; the zone is fixed so that the hours do not depend on the machine.
-    const char* oldZone = std::getenv("TZ");
-    const std::optional<std::string> previous = oldZone ? std::optional(oldZone) : std::nullopt;
-    ::setenv("TZ", "Europe/Berlin", 1);
-    const std::map<std::string, std::pair<Date, ClockQuality>> dates = {
-        {"1.wav", {kDay + 9 * 3600 + 5 * 60, ClockQuality::filesystem}},
-        {"3.wav", {kDay + 10 * 3600 + 40 * 60, ClockQuality::filename}},
-        {"4.wav", {kDay + 8 * 3600 + 15 * 60 + 59, ClockQuality::asset}},
-    };
-    TestSupport::LogCapture log;
-    IngestEngine::loadMetadata({trackOf("Mixed", {"1.wav", "2.wav", "3.wav", "4.wav", "5.wav"}),
-                                trackOf("Undated", {"x.wav"})},
-                               {}, [&](const std::filesystem::path& url) {
-                                   MediaMetadata::ClipMeta m;
-                                   m.duration = 1;
-                                   if (auto it = dates.find(url.filename().string());
-                                       it != dates.end()) {
-                                       m.date = it->second.first;
-                                       m.quality = it->second.second;
-                                   }
-                                   return m;
-                               });
-    previous ? ::setenv("TZ", previous->c_str(), 1) : ::unsetenv("TZ");
-    EXPECT_EQ(log.lines(),
-              (std::vector<std::string>{
-                  "[Ingest] clock track 'Mixed': quality=filename 09:15–11:40 (3/5 dated)",
-                  "[Ingest] clock track 'Undated': no dates"}));
-}
-
 TEST(IngestEngine, SortSourcesPutsVideoFirstInNaturalNameOrder) {
     std::vector<TrackSource> tracks;
     for (const char* name : {"Zoom", "cam 10", "Boom", "Cam 9", "cam 9"}) {
@@ -132,12 +99,10 @@ TEST(IngestEngine, ZonedDatesAreReadAsWallClockWhereTheOtherDevicesShowIt) {
     };
     const Case cases[] = {
         {"Broadcast WAV beside UTC-07:00", kWall, embedded, -420, kMoment + 5, kWall + 5},
-        {"no device shows an offset", kWall, embedded, std::nullopt, kMoment + 5, kMoment + 5},
         {"names read in the shoot's zone agree already", *namedInShootZone, filename, -420,
          kMoment + 5, kMoment + 5},
         {"apart by other than the offset", kWall - 3 * 3600, embedded, -420, kMoment + 5,
          kMoment + 5},
-        {"only file dates beside it", kWall, filesystem, -420, kMoment + 5, kMoment + 5},
         {"an offset of 20 min", kWall, embedded, -20, kWall + 1205, kWall + 1205},
         {"an offset of 30 min", kWall, embedded, 30, kWall - 1795, kWall + 5},
     };
@@ -166,20 +131,4 @@ TEST(IngestEngine, ZonedDatesAreReadAsWallClockWhereTheOtherDevicesShowIt) {
         }
         EXPECT_EQ(log.lines().size(), changed ? 1u : 0u);
     }
-    TestSupport::LogCapture log;
-    ClipItem sound("/s/T1.wav");
-    sound.recordingDate = kWall;
-    sound.clockQuality = embedded;
-    ClipItem camera("/s/C1.mov");
-    camera.recordingDate = kMoment;
-    camera.clockQuality = embedded;
-    camera.clockOffsetMinutes = -420;
-    TrackSource both = trackOf("Shoot", {});
-    both.session = "/s";
-    both.clips = {sound, camera};
-    IngestEngine::alignZonedClocks({both});
-    EXPECT_EQ(log.lines(), std::vector<std::string>{
-                               "[Ingest] clock zones '/s': 1 date(s) written at UTC-07:00 read as "
-                               "wall clock, as the other devices' dates are — they sit that far "
-                               "apart and agree once it is dropped"});
 }

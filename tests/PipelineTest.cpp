@@ -1,6 +1,7 @@
 #include "TessarinEngineCLI/Pipeline.h"
 
 #include "TessarinEngine/EnvelopeCache.h"
+#include "tests/R3DHeaderTestBytes.h"
 #include "tests/support/MediaFixtures.h"
 #include "tests/support/TestSupport.h"
 
@@ -45,26 +46,6 @@ ExtractOutcome succeed(const ExtractJob& j, std::optional<double> refined = {}) 
 }
 
 } // namespace
-
-TEST(Pipeline, ExtractPhaseNeverRunsMoreThanItsWidth) {
-    EXPECT_EQ(Pipeline::extractWidth(1), 2);
-    EXPECT_EQ(Pipeline::extractWidth(3), 3);
-    EXPECT_EQ(Pipeline::extractWidth(8), 4);
-
-    Phase phase(std::vector<double>(12, 10.0));
-    std::atomic<int> active{0}, highest{0};
-    phase.run(3, [&](const ExtractJob& j) {
-        const int now = ++active;
-        for (int seen = highest; now > seen && !highest.compare_exchange_weak(seen, now);) {
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        --active;
-        return succeed(j);
-    });
-    EXPECT_LE(highest.load(), 3);
-    EXPECT_GE(highest.load(), 2);
-    EXPECT_EQ(phase.events.size(), 12u);
-}
 
 TEST(Pipeline, OutcomesFoldInOrderOfFinishingAndBrokenClipsLeaveTheRunGoing) {
     // Weights 0.5 (floor for 0 s), 0.5 (floor for 0.3 s), 2.0 and 0.5: 3.5 in all.
@@ -147,12 +128,7 @@ TEST(Pipeline, RunLevelErrorsEndTheRun) {
 
 TEST(Pipeline, SecondExtractionOfAFileComesFromTheCache) {
     TestSupport::TempDir dir;
-    // Restored however the test ends, an assertion included.
-    struct CacheFolder {
-        std::filesystem::path previous = EnvelopeCache::cacheDir();
-        ~CacheFolder() { EnvelopeCache::setCacheDir(previous); }
-    } restore;
-    EnvelopeCache::setCacheDir(dir / "cache");
+    TestSupport::ScopedCacheFolder folder(dir / "cache");
     const auto wav = dir / "tone.wav";
     MediaFixtures::writeWav(wav, MediaFixtures::sine(440.0, 0.5f, 3.0, 16000));
     const ExtractJob job{0, 0, wav, 2.9};
@@ -168,4 +144,37 @@ TEST(Pipeline, SecondExtractionOfAFileComesFromTheCache) {
     ASSERT_TRUE(second.bands);
     EXPECT_FALSE(second.refinedDuration);
     EXPECT_EQ(*second.bands, *first.bands);
+}
+
+TEST(Pipeline, ARedTakeReportsItsPictureFileAndBothRates) {
+    using namespace R3DTestBytes;
+    TestSupport::TempDir dir;
+    TestSupport::ScopedCacheFolder folder(dir / "cache");
+    // A take recorded at 24 frames a second and conformed to 24000/1001, its sound in a WAV of
+    // its own; a recorder beside it heard the same noise.
+    const auto take = dir / "A001_0305XY.RDM" / "A001_C001_0305XY.RDC";
+    std::filesystem::create_directories(take);
+    std::filesystem::create_directories(dir / "Sound");
+    const auto picture = take / "A001_C001_0305XY_001.R3D";
+    write(picture, header({real(102, 24.0f), text(196, "A001_C001_0305XY.wav")}, Rdi{}));
+    const auto heard = MediaFixtures::noise(12 * 16000, 0.2f, 4);
+    MediaFixtures::writeWav(take / "A001_C001_0305XY.wav", heard);
+    MediaFixtures::writeWav(dir / "Sound" / "T001.wav", heard);
+    Request request;
+    request.items = {{picture.string(), dir.path().string()},
+                     {(dir / "Sound" / "T001.wav").string(), (dir / "Sound").string()}};
+    std::vector<ResultEvent> results;
+    ASSERT_TRUE(Pipeline::runPipeline(request, [&](const Event& e) {
+        if (const auto* r = std::get_if<ResultEvent>(&e)) {
+            results.push_back(*r);
+        }
+    }));
+    ASSERT_EQ(results.size(), 2u);
+    const auto& r = results[0].picturePath ? results[0] : results[1];
+    EXPECT_EQ(r.path, (take / "A001_C001_0305XY.wav").string());
+    EXPECT_EQ(r.picturePath, picture.string());
+    EXPECT_EQ(r.recordFrameRate, 24.0f);
+    EXPECT_EQ(r.conformFrameRate, static_cast<float>(24000.0 / 1001.0));
+    // A lone take has no next edge to measure its picture by: it ends a little before its sound.
+    EXPECT_NEAR(r.pictureDuration.value_or(0), 12.0 - 0.512, 1e-6);
 }

@@ -24,12 +24,6 @@ TEST(R3DHeader, ReadsEveryFieldOfAFullHeader) {
         {173, &M::edgeTimecode, "01:00:10:00"},
         {174, &M::todTimecode, "14:22:31:05"},
         {160, &M::model, "V-RAPTOR"},
-        {161, &M::sensor, "8K VV"},
-        {50, &M::bodySerial, "130-AB1-22"},
-        {6, &M::mediaSerial, "MEDIA-77"},
-        {27, &M::clipNumber, "003"},
-        {37, &M::firmware, "1.4.2"},
-        {86, &M::ownFilename, "A001_C003_0101XY_001.R3D"},
     };
     // The reel's two halves come in either order.
     std::vector<Rec> records = {real(102, 23.976f), text(26, "_0101XY"), text(25, "A001"),
@@ -59,7 +53,6 @@ TEST(R3DHeader, RecordsOfTheWrongFormClearWhatEarlierOnesSet) {
         {"text of the wrong type", {text(174, "10:00:00:00"), be32Rec(96, 174, 7)}},
         {"rate of the wrong type", {real(102, 25), real(102, 25, 96)}},
         {"not-a-number rate", {real(102, 25), real(102, std::numeric_limits<float>::quiet_NaN())}},
-        {"short rate payload", {real(102, 25), Rec{32, 102, {0x41, 0xc8}}}},
     };
     for (auto [name, records] : cases) {
         SCOPED_TRACE(name);
@@ -70,10 +63,8 @@ TEST(R3DHeader, RecordsOfTheWrongFormClearWhatEarlierOnesSet) {
     auto read = [](Rec r) {
         return *readBytes(header({text(160, "KOMODO"), r}));
     };
-    EXPECT_EQ(read(text(161, "S35", false)).sensor, "S35");
     EXPECT_EQ(read(text(161, std::string("S35\0junk", 8))).sensor, "S35");
     EXPECT_EQ(read(text(37, "1.4\xff")).firmware, "1.4\xEF\xBF\xBD");
-    EXPECT_EQ(read(be32Rec(80, 191, 96000)).audioSampleRate, 96000);
     // With one half of the reel name, that half is the reel.
     EXPECT_EQ(read(text(25, "B002")).reel, "B002");
 }
@@ -89,9 +80,7 @@ TEST(R3DHeader, FrameBlockFieldsStandOrFallAlone) {
         {"25 fps over 1000", {1920, 1080, 1000, 25000}, 25.0, 1920},
         {"denominator 1002", {1920, 1080, 1002, 25000}, std::nullopt, 1920},
         {"time base 500 is out", {1920, 1080, 1000, 500000}, std::nullopt, 1920},
-        {"time base 1 is out", {1920, 1080, 1000, 1000}, std::nullopt, 1920},
         {"width 127", {127, 1080, 1000, 25000}, 25.0, std::nullopt},
-        {"height 20001", {1920, 20001, 1000, 25000}, 25.0, std::nullopt},
         {"limits 128 and 20000", {128, 20000, 1000, 25000}, 25.0, 128},
     };
     for (const auto& c : cases) {

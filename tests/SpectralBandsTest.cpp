@@ -179,28 +179,21 @@ TEST(SpectralBands, PeaksMatchBruteForceSearch) {
     };
     // Short references are correlated whole; from about three blocks of twice the clip's length
     // (at least 2048 frames a block) on, block by block from kept spectra.
-    const double big = std::numeric_limits<double>::max();
     const Case cases[] = {
         {40, 300, -kInf, kInf, 0.0, 5, 0.5},
-        {40, 300, -kInf, kInf, 1.02, 3, 0.0, 6},       // 25.5 frames of overlap are 25
-        {17, 48, -kInf, kInf, 0.0, 6, 0.04, -1, true}, // N = 64 exactly: the range's ends alias
-        {60, 61, -kInf, kInf, 0.0, 2, 0.2},            // reference one frame longer
-        {40, 40, -kInf, kInf, 0.0, 2, 0.2},            // not longer: nothing
-        {4, 300, -kInf, kInf, 0.0, 2, 0.2},            // too short: nothing
-        {40, 300, -kInf, kInf, 1.6, 2, 0.2},           // overlap of the whole clip: nothing
-        {40, 300, -kInf, kInf, 0.0, 0, 0.2},           // topK 0: nothing
-        {30, 500, 2.0, 6.0, 0.5, 3, 0.3},              // a window inside the range
-        {30, 500, -big, big, 0.8, 2, 0.5},             // bounds too large for frames: none
-        {30, 500, 25.0, 1e9, 0.8, 2, 0.5},             // bounds held to the range
-        {25, 200, -0.5, -0.5, 0.4, 1, 0.5},            // a single lag: no spread, nothing
-        {25, 200, -kInf, kInf, 0.2, 1000, 0.04},       // every local maximum
-        {100, 6000, -kInf, kInf, 0.0, 5, 0.5, 0},
-        {100, 6000, -kInf, kInf, 0.0, 5, 0.5, 8},         // a silent clip: nothing
-        {97, 4000, -kInf, kInf, 0.0, 6, 0.04, -1, true},  // N = 4096 exactly, by blocks
-        {150, 5000, 40.0, 48.0, 2.0, 3, 0.3},             // a few blocks only
-        {150, 5000, -kInf, -2.0, 0.0, 1, 0.3},            // the clip starting first; one peak
-        {1024, 3500, -kInf, kInf, 8.0, 3, 0.5, -1, true}, // a clip of half a block
-        {1100, 6200, -kInf, kInf, 8.0, 3, 0.5}};          // blocks of 4096
+        {40, 300, -kInf, kInf, 1.02, 3, 0.0, 6},           // 25.5 frames of overlap are 25
+        {17, 48, -kInf, kInf, 0.0, 6, 0.04, -1, true},     // N = 64 exactly: the range's ends alias
+        {60, 61, -kInf, kInf, 0.0, 2, 0.2},                // reference one frame longer
+        {40, 40, -kInf, kInf, 0.0, 2, 0.2},                // not longer: nothing
+        {4, 300, -kInf, kInf, 0.0, 2, 0.2},                // too short: nothing
+        {40, 300, -kInf, kInf, 1.6, 2, 0.2},               // overlap of the whole clip: nothing
+        {30, 500, 2.0, 6.0, 0.5, 3, 0.3},                  // a window inside the range
+        {30, 500, 25.0, 1e9, 0.8, 2, 0.5},                 // bounds held to the range
+        {25, 200, -kInf, kInf, 0.2, 1000, 0.04},           // every local maximum
+        {100, 6000, -kInf, kInf, 0.0, 5, 0.5, 8},          // a silent clip: nothing
+        {97, 4000, -kInf, kInf, 0.0, 6, 0.04, -1, true},   // N = 4096 exactly, by blocks
+        {150, 5000, 40.0, 48.0, 2.0, 3, 0.3},              // a few blocks only
+        {1024, 3500, -kInf, kInf, 8.0, 3, 0.5, -1, true}}; // a clip of half a block
     std::mt19937 rng(21);
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << "row " << &c - cases);

@@ -42,14 +42,6 @@ std::vector<double> poolOf(Run& run) {
     return offsets;
 }
 
-PoolSpan featureSpan(double off, double dur, SpectralBands::Feature bands) {
-    PoolSpan span;
-    span.off = off;
-    span.dur = dur;
-    span.bands = std::move(bands);
-    return span;
-}
-
 } // namespace
 
 TEST(AudioPools, AdmissionFollowsTheTrustOrder) {

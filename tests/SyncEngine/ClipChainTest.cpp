@@ -142,3 +142,70 @@ TEST(ClipChain, ShortClipsAreSoughtOnlyNearAProvenClockAndHeldToTheirFloor) {
         }
     }
 }
+
+TEST(ClipChain, Pass3FillsWhatPass1LeftInsideTheBracketOfItsAnchors) {
+    // The first pool holds only the stretches the two outer clips heard; the middle one is found
+    // in the second pool, between them.
+    const auto sound = randomBands(25 * 400, 91);
+    auto run = regionRun(
+        {audioTrack("Rec", {heardClip(sound, "Rec_0", 0, 400, 1)}),
+         videoTrack("Cam", {heardClip(sound, "A", 20, 30, 2), heardClip(sound, "S", 150, 20, 3),
+                            heardClip(sound, "B", 300, 30, 4)})});
+    const std::vector<PoolSpan> pass1 = {
+        featureSpan(0, 60, cutFeature(sound, 0, 25 * 60, 5)),
+        featureSpan(300, 40, cutFeature(sound, 25 * 300, 25 * 40, 6))};
+    const std::vector<PoolSpan> pass3 = {featureSpan(0, 400, cutFeature(sound, 0, 25 * 400, 7))};
+    TestSupport::LogCapture log;
+    syncClipChain(run, {{1, 0}, {1, 1}, {1, 2}}, "Cam", pass1, pass3);
+    const auto& clips = run.sources[1].clips;
+    const std::tuple<double, const char*> expected[] = {{20, "A1"}, {150, "A3"}, {300, "A1"}};
+    for (std::size_t i = 0; i < 3; ++i) {
+        SCOPED_TRACE(i);
+        EXPECT_NEAR(clips[i].startOffset, std::get<0>(expected[i]), 0.041);
+        EXPECT_EQ(clips[i].placementPass, std::get<1>(expected[i]));
+        EXPECT_EQ(clips[i].syncStatus, SyncStatus::synced);
+    }
+}
+
+TEST(ClipChain, FillsAreHeldInTheirBracketAndOnlyStrongOnesNarrowTheNext) {
+    // Clips of 10 s: anchors 0 at 100 and 3 at 300 leave clip 1 the bracket 110...290. Where a
+    // fill of clip 1 is matched and how well; where it lands; where clip 2's bracket then opens.
+    const std::tuple<const char*, double, float, double, double> cases[] = {
+        {"weak fill", 250, 5.0f, 250, 110},
+        {"strong fill", 250, 9.0f, 250, 260},
+        {"weak fill past the bracket", 290.5, 5.0f, 290, 110},
+    };
+    for (const auto& [name, matchedAt, score, landsAt, nextFrom] : cases) {
+        SCOPED_TRACE(name);
+        ChainRig rig({makeRecorder("Rec", {10}), makeCamera("Cam", {10, 10, 10, 10})});
+        rig.place(1, 100, true);
+        rig.place(4, 300, true);
+        const auto w = rig.chain.bounds(2);
+        ASSERT_EQ(w, (Window{110, 290}));
+        ASSERT_TRUE(rig.chain.acceptFill(rig.run, 2, Match{matchedAt, score, std::nullopt}, w.lo,
+                                         w.hi, "A3"));
+        EXPECT_DOUBLE_EQ(rig.clip(2).startOffset, landsAt);
+        EXPECT_DOUBLE_EQ(rig.chain.posOf.at(2), landsAt);
+        EXPECT_EQ(rig.clip(2).syncStatus,
+                  score >= kStrongScore ? SyncStatus::synced : SyncStatus::weak);
+        EXPECT_DOUBLE_EQ(rig.chain.bounds(3).lo, nextFrom);
+    }
+}
+
+TEST(ClipChain, AClipLaidByItsClockIsWeakOrPendingWithoutAudio) {
+    for (const auto usability : {AudioUsability::ok, AudioUsability::none}) {
+        SCOPED_TRACE(toString(usability));
+        auto cam = makeCamera("Cam", {10});
+        cam.clips[0].audioUsability = usability;
+        cam.clips[0].matchScore = 8.0f;
+        ChainRig rig({makeRecorder("Rec", {10}), cam});
+        rig.chain.setClip(rig.run, 1, 42, Placement::clock);
+        const auto& clip = rig.clip(1);
+        EXPECT_EQ(clip.syncStatus,
+                  usability == AudioUsability::ok ? SyncStatus::weak : SyncStatus::pending);
+        EXPECT_EQ(clip.placementPass, "clock");
+        EXPECT_FALSE(clip.matchScore);
+        EXPECT_DOUBLE_EQ(clip.startOffset, 42);
+        EXPECT_EQ(rig.run.placementLog.at(clip.id).kind, "clock");
+    }
+}

@@ -117,13 +117,3 @@ TEST(LayoutChain, AnchorsOfOtherDevicesRunSideBySide) {
     const auto laid = lay({100, 60, 300}, {}, {{0, 1000.0}, {1, 1090.0}, {2, 995.0}}, 0, {0, 0, 1});
     EXPECT_EQ(laid.pos, (std::vector<double>{1000, 1100, 995}));
 }
-
-TEST(LayoutChain, NeighbourNoteNamesTheAnchorsAround) {
-    const auto names = [](int i) {
-        return "C" + std::to_string(i);
-    };
-    EXPECT_EQ(neighbourNote(2, {1, 4}, names), "between 'C1' and 'C4'");
-    EXPECT_EQ(neighbourNote(5, {1, 4}, names), "after 'C4'");
-    EXPECT_EQ(neighbourNote(0, {1, 4}, names), "before 'C1'");
-    EXPECT_EQ(neighbourNote(0, {}, names), std::nullopt);
-}

@@ -170,6 +170,35 @@ inline ClipItem heardClip(const Sound& sound, const std::string& name, double fr
     return clip;
 }
 
+// A pool segment at `off` on the timeline that holds `bands`.
+inline SyncEngine::PoolSpan featureSpan(double off, double dur, SpectralBands::Feature bands) {
+    SyncEngine::PoolSpan span;
+    span.off = off;
+    span.dur = dur;
+    span.bands = std::move(bands);
+    return span;
+}
+
+// One chain of every clip in one region, chained in the order the tracks are given.
+struct ChainRig {
+    SyncEngine::Run run;
+    SyncEngine::ChainState chain;
+    std::vector<SyncEngine::PoolSpan> noSpans;
+
+    explicit ChainRig(std::vector<TrackSource> tracks) : run(regionRun(std::move(tracks))) {
+        chain.init(run, run.region.clips);
+        chain.checkSpans = &noSpans;
+    }
+    void place(int i, double pos, bool strong, float score = 9.0f) {
+        chain.place(run, i, pos,
+                    SyncEngine::PlacementRecord{pos, score, "A1", std::nullopt, std::nullopt});
+        if (strong) {
+            chain.strong.insert(i);
+        }
+    }
+    const ClipItem& clip(int i) const { return run.clip(chain.refs[i]); }
+};
+
 inline std::vector<std::string> linesWith(const TestSupport::LogCapture& log,
                                           const std::string& fragment) {
     std::vector<std::string> out;

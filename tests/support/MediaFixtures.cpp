@@ -61,6 +61,16 @@ std::vector<float> sine(double frequencyHz, float amplitude, double seconds, int
     return out;
 }
 
+std::vector<float> noise(std::size_t count, float sd, unsigned seed) {
+    std::mt19937 rng(seed);
+    std::normal_distribution<float> dist(0.0f, sd);
+    std::vector<float> out(count);
+    for (auto& v : out) {
+        v = dist(rng);
+    }
+    return out;
+}
+
 double rms(std::span<const float> samples, std::size_t from, std::size_t to) {
     const auto* first = samples.data() + from;
     return std::sqrt(std::inner_product(first, first + (to - from), first, 0.0) /

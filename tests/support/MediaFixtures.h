@@ -20,6 +20,9 @@ void writeWav(const std::filesystem::path& file, std::span<const float> interlea
 // `seconds` of a sine of `amplitude` at `frequencyHz`, at `rateHz`.
 std::vector<float> sine(double frequencyHz, float amplitude, double seconds, int rateHz);
 
+// `count` samples of Gaussian noise of standard deviation `sd`, the same for the same seed.
+std::vector<float> noise(std::size_t count, float sd, unsigned seed);
+
 // Root mean square of samples [from, to), from < to.
 double rms(std::span<const float> samples, std::size_t from, std::size_t to);
 

@@ -1,14 +1,15 @@
 #include "tests/support/TestSupport.h"
 
-#include <array>
+#include "TessarinEngine/EnvelopeCache.h"
+
 #include <chrono>
 #include <condition_variable>
+#include <csignal>
 #include <cstdlib>
 #include <ctime>
 #include <fcntl.h>
 #include <fstream>
 #include <mutex>
-#include <poll.h>
 #include <random>
 #include <spawn.h>
 #include <sstream>
@@ -49,6 +50,15 @@ ScopedTimeZone::ScopedTimeZone(const char* zone) {
 ScopedTimeZone::~ScopedTimeZone() {
     previous_ ? setenv("TZ", previous_->c_str(), 1) : unsetenv("TZ");
     tzset();
+}
+
+ScopedCacheFolder::ScopedCacheFolder(const std::filesystem::path& dir)
+    : previous_(EnvelopeCache::cacheDir()) {
+    EnvelopeCache::setCacheDir(dir);
+}
+
+ScopedCacheFolder::~ScopedCacheFolder() {
+    EnvelopeCache::setCacheDir(previous_);
 }
 
 LogCapture::LogCapture() : previous_(EngineLog::sink()) {
@@ -93,107 +103,71 @@ FifoWatchdog::FifoWatchdog(std::filesystem::path fifo, double seconds)
 
 ProcessResult runProcess(const std::vector<std::string>& argv, const std::string& input,
                          const std::vector<std::string>& env, const std::filesystem::path& cwd) {
-    int inPipe[2], outPipe[2], errPipe[2];
-    if (pipe(inPipe) != 0 || pipe(outPipe) != 0 || pipe(errPipe) != 0) {
+    // The child writes to files, read once it is gone, so it never waits on us while we feed its
+    // input; a child that leaves without reading it breaks the pipe, which must not end the tests.
+    std::signal(SIGPIPE, SIG_IGN);
+    TempDir outputs;
+    int inPipe[2];
+    if (pipe2(inPipe, O_CLOEXEC) != 0) {
         throw std::runtime_error("pipe failed");
     }
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, inPipe[0], 0);
-    posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
-    posix_spawn_file_actions_adddup2(&actions, errPipe[1], 2);
-    for (int fd : {inPipe[0], inPipe[1], outPipe[0], outPipe[1], errPipe[0], errPipe[1]}) {
-        posix_spawn_file_actions_addclose(&actions, fd);
+    for (const auto& [fd, name] : {std::pair{1, "out"}, std::pair{2, "err"}}) {
+        posix_spawn_file_actions_addopen(&actions, fd, (outputs / name).c_str(),
+                                         O_WRONLY | O_CREAT | O_TRUNC, 0600);
     }
     if (!cwd.empty()) {
         posix_spawn_file_actions_addchdir_np(&actions, cwd.c_str());
     }
-
-    std::vector<std::string> envStrings;
+    std::vector<std::string> strings = argv;
     for (char** e = environ; *e; ++e) {
-        envStrings.emplace_back(*e);
+        strings.emplace_back(*e);
     }
-    envStrings.insert(envStrings.end(), env.begin(), env.end());
-    std::vector<char*> envp;
-    for (auto& s : envStrings) {
-        envp.push_back(s.data());
+    strings.insert(strings.end(), env.begin(), env.end());
+    std::vector<char*> pointers;
+    for (auto& s : strings) {
+        pointers.push_back(s.data());
     }
-    envp.push_back(nullptr);
-    std::vector<std::string> args = argv;
-    std::vector<char*> argp;
-    for (auto& s : args) {
-        argp.push_back(s.data());
-    }
-    argp.push_back(nullptr);
+    pointers.insert(pointers.begin() + static_cast<std::ptrdiff_t>(argv.size()), nullptr);
+    pointers.push_back(nullptr);
+    char** envp = pointers.data() + argv.size() + 1;
 
     pid_t pid;
-    int rc = posix_spawnp(&pid, argp[0], &actions, nullptr, argp.data(), envp.data());
+    const int rc = posix_spawnp(&pid, pointers[0], &actions, nullptr, pointers.data(), envp);
     posix_spawn_file_actions_destroy(&actions);
     close(inPipe[0]);
-    close(outPipe[1]);
-    close(errPipe[1]);
+    for (std::size_t written = 0; rc == 0 && written < input.size();) {
+        const auto n = write(inPipe[1], input.data() + written, input.size() - written);
+        if (n <= 0) {
+            break;
+        }
+        written += static_cast<std::size_t>(n);
+    }
+    close(inPipe[1]);
     if (rc != 0) {
-        close(inPipe[1]);
-        close(outPipe[0]);
-        close(errPipe[0]);
         throw std::runtime_error("cannot start " + argv[0]);
     }
-
-    ProcessResult result;
-    std::size_t written = 0;
-    if (input.empty()) {
-        close(inPipe[1]);
-        inPipe[1] = -1;
-    } else {
-        fcntl(inPipe[1], F_SETFL, O_NONBLOCK);
-    }
-    bool outOpen = true, errOpen = true;
-    while (outOpen || errOpen) {
-        std::array<pollfd, 3> fds{
-            {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}, {inPipe[1], POLLOUT, 0}}};
-        poll(fds.data(), inPipe[1] >= 0 ? 3 : 2, -1);
-        char buf[65536];
-        if (outOpen && (fds[0].revents & (POLLIN | POLLHUP))) {
-            auto n = read(outPipe[0], buf, sizeof buf);
-            if (n <= 0) {
-                outOpen = false;
-            } else {
-                result.out.append(buf, static_cast<std::size_t>(n));
-            }
-        }
-        if (errOpen && (fds[1].revents & (POLLIN | POLLHUP))) {
-            auto n = read(errPipe[0], buf, sizeof buf);
-            if (n <= 0) {
-                errOpen = false;
-            } else {
-                result.err.append(buf, static_cast<std::size_t>(n));
-            }
-        }
-        if (inPipe[1] >= 0 && (fds[2].revents & (POLLOUT | POLLERR | POLLHUP))) {
-            auto n = write(inPipe[1], input.data() + written, input.size() - written);
-            if (n > 0) {
-                written += static_cast<std::size_t>(n);
-            }
-            if (n < 0 || written == input.size()) {
-                close(inPipe[1]);
-                inPipe[1] = -1;
-            }
-        }
-    }
-    if (inPipe[1] >= 0) {
-        close(inPipe[1]);
-    }
-    close(outPipe[0]);
-    close(errPipe[0]);
     int status = 0;
     waitpid(pid, &status, 0);
-    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    return result;
+    auto read = [&](const char* name) {
+        std::ifstream in(outputs / name, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    };
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), read("out"),
+            read("err")};
 }
 
 void writeText(const std::filesystem::path& file, const std::string& text) {
     std::ofstream out(file, std::ios::binary);
     out << text;
+}
+
+ProcessResult buildSharedLibrary(const std::filesystem::path& library, const std::string& source) {
+    const auto file = library.parent_path() / (library.stem().string() + ".c");
+    writeText(file, source);
+    return runProcess({"cc", "-shared", "-fPIC", "-o", library.string(), file.string()});
 }
 
 ProcessResult makeShoot(const std::filesystem::path& dir, const std::string& scenario,

@@ -70,6 +70,27 @@ ProcessResult runProcess(const std::vector<std::string>& argv, const std::string
 
 void writeText(const std::filesystem::path& file, const std::string& text);
 
+// Compiles the C `source` into the shared library `library` with the system's C compiler; a
+// failure (no compiler on the machine) lets the caller skip.
+ProcessResult buildSharedLibrary(const std::filesystem::path& library, const std::string& source);
+
+// A stand-in for the Blackmagic RAW library: its factory entry point returns a pointer to 42.
+inline constexpr const char* kStandInRawFactory =
+    "static int marker = 42;\nvoid* CreateBlackmagicRawFactoryInstance(void) { return &marker; }\n";
+
+// Points the feature cache at `dir` for one scope and restores the folder it had, however the
+// scope ends.
+class ScopedCacheFolder {
+public:
+    explicit ScopedCacheFolder(const std::filesystem::path& dir);
+    ~ScopedCacheFolder();
+    ScopedCacheFolder(const ScopedCacheFolder&) = delete;
+    ScopedCacheFolder& operator=(const ScopedCacheFolder&) = delete;
+
+private:
+    std::filesystem::path previous_;
+};
+
 // Sets the process's time zone (TZ) for one scope and restores it after.
 class ScopedTimeZone {
 public:

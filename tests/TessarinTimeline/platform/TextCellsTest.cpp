@@ -15,9 +15,7 @@ TEST(TextCells, WidthsAndFits) {
         int cells;
         const char* fitted;
     } cases[] = {
-        {"A001.MOV", 8, "A001.MOV"},
         {"CAMERA_B_ROLL_take_0042.MP4", 10, "CAMERA\u2026MP4"},
-        {"CAMERA_B_ROLL_take_0042.MP4", 1, "\u2026"},
         {"CAMERA_B_ROLL_take_0042.MP4", 0, ""},
         // A wide character that would straddle the limit is left out, never cut.
         {"\u30AB\u30E1\u30E9\u6771_001.MOV", 8, "\u30AB\u30E1\u2026MOV"},

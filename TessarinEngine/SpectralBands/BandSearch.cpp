@@ -1,89 +1,19 @@
-#include "TessarinEngine/SpectralBands.h"
-
+#include "TessarinEngine/SpectralBands/BlockSpectra.h"
 #include "TessarinEngine/SyncCorrelator.h"
-#include "TessarinEngine/platform/Fft.h"
 
 #include <algorithm>
-#include <array>
 #include <bit>
 #include <cmath>
+#include <complex>
 #include <cstdint>
-#include <list>
-#include <mutex>
-#include <numbers>
 #include <set>
-#include <unordered_map>
 
 namespace SpectralBands {
 
 namespace {
 
-constexpr double kFrameRate = 25.0;
-constexpr std::size_t kWindowSize = 1024;
-constexpr unsigned kWindowLog2n = 10;
-constexpr std::size_t kHop = 640;
-constexpr std::size_t kBandCount = 8;
-constexpr int kMinFrames = 5;
-// The periodic Hann window scaled to a mean square of 1. The scale is part of the feature, since
-// log1p is not invariant to it.
-constexpr double kHannScale = 0.8165;
-// Below these a band, or a search range, is too flat to normalise.
-constexpr float kFlatRms = 1e-9f;
-constexpr double kFlatSpread = 1e-6;
 // Stands for the missing neighbour at either end of a search range, so that ends can be peaks.
 constexpr float kNoNeighbour = -3.4028235e38f;
-
-constexpr std::size_t kDefaultCacheBudget = std::size_t{128} << 20;
-// Beyond this many entries the table's upkeep would start to cost more than it saves.
-constexpr std::size_t kMaxCacheEntries = 1024;
-
-std::array<std::size_t, kBandCount + 1> bandEdges() {
-    std::array<std::size_t, kBandCount + 1> edges{};
-    for (std::size_t i = 0; i <= kBandCount; ++i) {
-        // Equal steps in log frequency over the nine octaves of the 512 bins.
-        const double edge = std::trunc(std::exp2(9.0 * static_cast<double>(i) / 8.0));
-        edges[i] = static_cast<std::size_t>(std::clamp(edge, 1.0, 512.0));
-    }
-    return edges;
-}
-
-const std::array<float, kWindowSize>& hannWindow() {
-    static const auto window = [] {
-        std::array<float, kWindowSize> w{};
-        for (std::size_t n = 0; n < kWindowSize; ++n) {
-            w[n] = static_cast<float>(
-                kHannScale * (1.0 - std::cos(2.0 * std::numbers::pi * static_cast<double>(n) /
-                                             double(kWindowSize))));
-        }
-        return w;
-    }();
-    return window;
-}
-
-// Zero mean and unit mean square, in place; a band too flat for that is only centred. Sums run in
-// double, so that a constant band centres to exact zeros.
-void zscore(float* values, std::size_t count) {
-    if (count == 0) {
-        return;
-    }
-    double sum = 0;
-    for (std::size_t i = 0; i < count; ++i) {
-        sum += values[i];
-    }
-    const float mean = static_cast<float>(sum / static_cast<double>(count));
-    double squares = 0;
-    for (std::size_t i = 0; i < count; ++i) {
-        values[i] -= mean;
-        squares += static_cast<double>(values[i]) * values[i];
-    }
-    const float rms = static_cast<float>(std::sqrt(squares / static_cast<double>(count)));
-    if (rms > kFlatRms) {
-        const float scale = 1.0f / rms;
-        for (std::size_t i = 0; i < count; ++i) {
-            values[i] *= scale;
-        }
-    }
-}
 
 // The transform size the correlator uses for inputs of these lengths, or 0 when it makes none.
 std::size_t correlationSize(std::size_t a, std::size_t b) {
@@ -196,139 +126,6 @@ LagValues correlateWhole(const Feature& clip, const Feature& ref, const Fft::Set
     }
     return values;
 }
-
-// A reference cut into overlapping blocks for overlap-save correlation against clips of up to
-// size - hop + 1 frames: block j holds `size` frames of the reference from (j - 1) * hop on (zeros
-// outside the reference). Correlated circularly with such a clip, block j gives the exact lags
-// (j - 1) * hop ... j * hop - 1. Made once, by whichever caller gets there first; read-only
-// afterwards.
-struct BlockSpectra {
-    std::once_flag made;
-    std::size_t blocks = 0;
-    // Split form for the multiply-accumulate loop: per band, block j's real parts start at
-    // 2 j stride and its imaginary parts at (2 j + 1) stride.
-    std::size_t stride = 0;
-    std::vector<std::vector<float>> blockSpectra;
-    // Per band, the (real) spectrum of its autocorrelation at lags -(size - hop) ... size - hop,
-    // laid out on the circle of one block. With it a clip band's correlation energy over all lags
-    // is one dot product with the clip's power spectrum.
-    std::vector<std::vector<float>> autocorrelationSpectra;
-};
-
-struct BlockLayout {
-    std::size_t size;
-    std::size_t hop;
-};
-
-constexpr std::size_t kMinBlockSize = 2048;
-// Fewer blocks than this, and one whole-length correlation costs less than making the blocks.
-constexpr std::size_t kMinBlocks = 4;
-
-// Blocks of at least twice the clip, so that the clip's autocorrelation fits one without wrapping
-// round. The hop is as long as the clip allows, in sixteenths of a block, so that clips of similar
-// lengths share one layout of a reference.
-BlockLayout blockLayoutFor(int clipFrames) {
-    const auto clip = static_cast<std::size_t>(clipFrames);
-    const std::size_t size = std::max(kMinBlockSize, std::bit_ceil(2 * clip));
-    const std::size_t step = size / 16;
-    return {size, size / 2 + (size / 2 + 1 - clip) / step * step};
-}
-
-std::size_t blockCount(int refFrames, std::size_t hop) {
-    return (static_cast<std::size_t>(refFrames) - 1) / hop + 2;
-}
-
-std::size_t splitStride(std::size_t bins) {
-    return (bins + 15) / 16 * 16;
-}
-
-std::size_t blockSpectraBytes(std::size_t bandCount, BlockLayout layout, int refFrames) {
-    const std::size_t bins = layout.size / 2 + 1;
-    return bandCount * (blockCount(refFrames, layout.hop) * 2 * splitStride(bins) + bins) *
-           sizeof(float);
-}
-
-void makeBlockSpectra(BlockSpectra& out, const Feature& ref, BlockLayout layout,
-                      const Fft::Setup& setup) {
-    const std::size_t size = layout.size;
-    const std::size_t hop = layout.hop;
-    const std::size_t reach = size - hop;
-    const std::size_t bins = setup.spectrumSize();
-    const std::size_t blocks = blockCount(ref.frames, hop);
-    const std::size_t stride = splitStride(bins);
-    const auto frames = static_cast<std::int64_t>(ref.frames);
-
-    std::vector<std::vector<float>> blockSpectra;
-    std::vector<std::vector<float>> autocorrelationSpectra;
-    Fft::RealBuffer segment(size);
-    Fft::ComplexBuffer whole(bins);
-    Fft::ComplexBuffer head(bins);
-    Fft::ComplexBuffer cross(bins);
-    for (std::size_t i = 0; i < ref.bandCount(); ++i) {
-        const auto& band = ref.band(i);
-        // Loads `count` frames of the reference from `from` on, zeros outside it and after them.
-        auto load = [&](std::int64_t from, std::size_t count) {
-            std::fill(segment.begin(), segment.end(), 0.0f);
-            const std::int64_t first = std::max<std::int64_t>(from, 0);
-            const std::int64_t last = std::min(from + static_cast<std::int64_t>(count), frames);
-            if (first < last) {
-                std::copy(band.begin() + first, band.begin() + last,
-                          segment.begin() + (first - from));
-            }
-        };
-        std::vector<float> split(blocks * 2 * stride, 0.0f);
-        std::fill(cross.begin(), cross.end(), std::complex<float>());
-        for (std::size_t j = 0; j < blocks; ++j) {
-            const auto from = (static_cast<std::int64_t>(j) - 1) * static_cast<std::int64_t>(hop);
-            load(from, size);
-            setup.forward(segment, whole);
-            float* re = split.data() + 2 * j * stride;
-            float* im = re + stride;
-            for (std::size_t m = 0; m < bins; ++m) {
-                re[m] = whole[m].real();
-                im[m] = whole[m].imag();
-            }
-            // Each block against its own first hop sums, over all blocks, to the reference's
-            // autocorrelation at lags 0 ... reach: every frame starts exactly one such product.
-            if (from + static_cast<std::int64_t>(hop) <= 0) {
-                continue;
-            }
-            load(from, hop);
-            setup.forward(segment, head);
-            for (std::size_t m = 0; m < bins; ++m) {
-                const float wr = whole[m].real(), wi = whole[m].imag();
-                const float hr = head[m].real(), hi = head[m].imag();
-                cross[m] += std::complex<float>(wr * hr + wi * hi, wi * hr - wr * hi);
-            }
-        }
-        setup.inverse(cross, segment);
-        const float scale = 1.0f / static_cast<float>(size);
-        for (std::size_t d = 0; d <= reach; ++d) {
-            segment[d] *= scale;
-        }
-        for (std::size_t t = reach + 1; t < size - reach; ++t) {
-            segment[t] = 0.0f;
-        }
-        for (std::size_t d = 1; d <= reach && d < size - reach; ++d) {
-            segment[size - d] = segment[d];
-        }
-        setup.forward(segment, whole);
-        std::vector<float> autocorrelation(bins);
-        for (std::size_t m = 0; m < bins; ++m) {
-            autocorrelation[m] = whole[m].real();
-        }
-        blockSpectra.push_back(std::move(split));
-        autocorrelationSpectra.push_back(std::move(autocorrelation));
-    }
-    out.blocks = blocks;
-    out.stride = stride;
-    // Assigned whole at the end: if making them fails, the next caller starts from nothing.
-    out.blockSpectra = std::move(blockSpectra);
-    out.autocorrelationSpectra = std::move(autocorrelationSpectra);
-}
-
-// The innermost loops of the block search, on arrays that never overlap. Saying so lets the
-// compiler vectorise them; they are kept out of line, since once inlined the promise is forgotten.
 
 // sum (+)= x * w, bin by bin, on split complex arrays: set on the first band, added on the others.
 [[gnu::noinline]] void multiplyAccumulate(std::size_t bins, bool first, const float* __restrict xRe,
@@ -461,102 +258,8 @@ LagValues correlateInBlocks(const Feature& clip, const Feature& ref, const Block
     return values;
 }
 
-// The references' block spectra, keyed by band storage and block layout, least recently used first
-// out. An entry only watches its feature (weak ownership), so a dead feature's address cannot be
-// mistaken for a new one's while the entry exists.
-class SpectrumCache {
-public:
-    // The block spectra for `ref` in `layout`, shared with the table; they may still need
-    // making (see BlockSpectra::made). Nothing when they would not fit in the budget.
-    std::shared_ptr<BlockSpectra> find(const Feature& ref, BlockLayout layout, std::size_t bytes) {
-        const Key key{ref.bands.get(), layout.size, layout.hop};
-        std::lock_guard<std::mutex> guard(lock_);
-        if (auto found = index_.find(key); found != index_.end()) {
-            if (!found->second->owner.expired()) {
-                recent_.splice(recent_.begin(), recent_, found->second);
-                return found->second->spectra;
-            }
-            erase(found->second);
-        }
-        dropExpired();
-        if (bytes > budget_) {
-            return nullptr;
-        }
-        while (!recent_.empty() &&
-               (bytes_ + bytes > budget_ || recent_.size() >= kMaxCacheEntries)) {
-            erase(std::prev(recent_.end()));
-        }
-        auto spectra = std::make_shared<BlockSpectra>();
-        recent_.push_front(Entry{key, ref.bands, spectra, bytes});
-        index_.emplace(key, recent_.begin());
-        bytes_ += bytes;
-        return spectra;
-    }
-
-    SpectrumCacheUsage usage() {
-        std::lock_guard<std::mutex> guard(lock_);
-        dropExpired();
-        return {recent_.size(), bytes_};
-    }
-
-    std::size_t setBudget(std::size_t bytes) {
-        std::lock_guard<std::mutex> guard(lock_);
-        const std::size_t previous = budget_;
-        budget_ = bytes;
-        while (!recent_.empty() && bytes_ > budget_) {
-            erase(std::prev(recent_.end()));
-        }
-        return previous;
-    }
-
-private:
-    struct Key {
-        const Feature::Bands* bands;
-        std::size_t blockSize;
-        std::size_t hop;
-        bool operator==(const Key&) const = default;
-    };
-    struct KeyHash {
-        std::size_t operator()(const Key& k) const {
-            return std::hash<const void*>()(k.bands) ^
-                   ((k.blockSize * 31 + k.hop) * 0x9e3779b97f4a7c15ull);
-        }
-    };
-    struct Entry {
-        Key key;
-        std::weak_ptr<const Feature::Bands> owner;
-        std::shared_ptr<BlockSpectra> spectra;
-        std::size_t bytes;
-    };
-
-    // Callers still using an erased entry's spectra keep them alive until they return.
-    void erase(std::list<Entry>::iterator entry) {
-        bytes_ -= entry->bytes;
-        index_.erase(entry->key);
-        recent_.erase(entry);
-    }
-
-    void dropExpired() {
-        for (auto entry = recent_.begin(); entry != recent_.end();) {
-            auto next = std::next(entry);
-            if (entry->owner.expired()) {
-                erase(entry);
-            }
-            entry = next;
-        }
-    }
-
-    std::mutex lock_;
-    std::list<Entry> recent_;
-    std::unordered_map<Key, std::list<Entry>::iterator, KeyHash> index_;
-    std::size_t bytes_ = 0;
-    std::size_t budget_ = kDefaultCacheBudget;
-};
-
-SpectrumCache& spectrumCache() {
-    static SpectrumCache cache;
-    return cache;
-}
+// Fewer blocks than this, and one whole-length correlation costs less than making the blocks.
+constexpr std::size_t kMinBlocks = 4;
 
 bool bandsHoldFrames(const Feature& f) {
     for (std::size_t i = 0; i < f.bandCount(); ++i) {
@@ -576,8 +279,8 @@ LagValues summedCorrelation(const Feature& clip, const Feature& ref, std::size_t
         const auto* setup =
             SyncCorrelator::sharedFFTSetup(static_cast<unsigned>(std::countr_zero(layout.size)));
         auto spectra =
-            setup ? spectrumCache().find(ref, layout,
-                                         blockSpectraBytes(ref.bandCount(), layout, ref.frames))
+            setup ? keptBlockSpectra(ref, layout,
+                                     blockSpectraBytes(ref.bandCount(), layout, ref.frames))
                   : nullptr;
         if (spectra) {
             std::call_once(spectra->made, [&] { makeBlockSpectra(*spectra, ref, layout, *setup); });
@@ -731,73 +434,6 @@ std::vector<Peak> rankPeaks(const std::vector<float>& values, std::int64_t first
 
 } // namespace
 
-Feature compute(const std::vector<float>& pcm) {
-    if (pcm.size() < kWindowSize || pcm.size() - kWindowSize < (kMinFrames - 1) * kHop) {
-        return {};
-    }
-    const auto* setup = SyncCorrelator::sharedFFTSetup(kWindowLog2n);
-    if (!setup) {
-        return {};
-    }
-    // A trailing stretch too short for a whole window is not analysed.
-    const std::size_t frames = (pcm.size() - kWindowSize) / kHop + 1;
-    const auto& window = hannWindow();
-    const auto edges = bandEdges();
-
-    Fft::RealBuffer frame(kWindowSize);
-    Fft::ComplexBuffer spectrum(setup->spectrumSize());
-    Feature::Bands bands(kBandCount, std::vector<float>(frames));
-    for (std::size_t t = 0; t < frames; ++t) {
-        const float* x = pcm.data() + t * kHop;
-        for (std::size_t n = 0; n < kWindowSize; ++n) {
-            frame[n] = x[n] * window[n];
-        }
-        setup->forward(frame, spectrum);
-        const float* bin = reinterpret_cast<const float*>(spectrum.data());
-        for (std::size_t b = 0; b < kBandCount; ++b) {
-            float power = 0;
-            for (std::size_t m = edges[b]; m < edges[b + 1]; ++m) {
-                power += bin[2 * m] * bin[2 * m] + bin[2 * m + 1] * bin[2 * m + 1];
-            }
-            // Four times |X|^2: the power the feature has always been defined on.
-            bands[b][t] = std::log1p(4.0f * power);
-        }
-    }
-    for (auto& band : bands) {
-        zscore(band.data(), band.size());
-    }
-    return Feature(std::move(bands), static_cast<int>(frames));
-}
-
-std::optional<Feature> slice(const Feature& feature, double fromSec, double durationSec) {
-    const double count = std::round(durationSec * kFrameRate);
-    if (!(count >= kMinFrames)) {
-        return std::nullopt;
-    }
-    double start = std::round(fromSec * kFrameRate);
-    if (std::isnan(start)) {
-        return std::nullopt;
-    }
-    // A start before the feature moves to 0 and keeps the length.
-    start = std::max(start, 0.0);
-    if (feature.bandCount() != kBandCount || start + count > static_cast<double>(feature.frames)) {
-        return std::nullopt;
-    }
-    const auto first = static_cast<std::size_t>(start);
-    const auto n = static_cast<std::size_t>(count);
-    Feature::Bands bands;
-    for (std::size_t i = 0; i < kBandCount; ++i) {
-        const auto& band = feature.band(i);
-        if (band.size() < first + n) {
-            return std::nullopt;
-        }
-        bands.emplace_back(band.begin() + std::ptrdiff_t(first),
-                           band.begin() + std::ptrdiff_t(first + n));
-        zscore(bands.back().data(), n);
-    }
-    return Feature(std::move(bands), static_cast<int>(n));
-}
-
 std::vector<Peak> peaks(const Feature& clip, const Feature& ref, double minOffsetSec,
                         double maxOffsetSec, double minOverlapSec, int topK,
                         double minSeparationSec) {
@@ -860,14 +496,6 @@ std::vector<Peak> pickPeaks(const std::vector<float>& summed, int firstLag, int 
         values.push_back(summed[std::size_t(lag < 0 ? lag + size : lag)]);
     }
     return rankPeaks(values, firstLag, topK, minSeparationSec);
-}
-
-SpectrumCacheUsage spectrumCacheUsage() {
-    return spectrumCache().usage();
-}
-
-std::size_t setSpectrumCacheBudget(std::size_t bytes) {
-    return spectrumCache().setBudget(bytes);
 }
 
 } // namespace SpectralBands
