@@ -656,23 +656,25 @@ void placeShortClipsBySamples(std::vector<TrackSource>& tracks, const StretchOpe
             // The partner must hold the whole searched range.
             const double from = clip.startOffset - kShortReach - kEdgeMargin;
             const double to = clip.startOffset + clip.duration + kShortReach + kEdgeMargin;
-            std::optional<Job> best;
-            for (int u = 0; u < static_cast<int>(tracks.size()); ++u) {
-                if (u == t ||
-                    (tracks[u].deviceName && tracks[u].deviceName == tracks[t].deviceName)) {
-                    continue;
-                }
-                for (int d = 0; d < static_cast<int>(tracks[u].clips.size()); ++d) {
-                    const auto& other = tracks[u].clips[d];
-                    if (placedByEvidence(other) && other.audioUsability == AudioUsability::ok &&
-                        other.startOffset <= from && other.startOffset + other.duration >= to &&
-                        !best) {
-                        best = Job{t, c, u, d};
+            // The first clip of another device that was placed by evidence and covers them.
+            const auto covering = [&]() -> std::optional<Job> {
+                for (int u = 0; u < static_cast<int>(tracks.size()); ++u) {
+                    if (u == t ||
+                        (tracks[u].deviceName && tracks[u].deviceName == tracks[t].deviceName)) {
+                        continue;
+                    }
+                    for (int d = 0; d < static_cast<int>(tracks[u].clips.size()); ++d) {
+                        const auto& other = tracks[u].clips[d];
+                        if (placedByEvidence(other) && other.audioUsability == AudioUsability::ok &&
+                            other.startOffset <= from && other.startOffset + other.duration >= to) {
+                            return Job{t, c, u, d};
+                        }
                     }
                 }
-            }
-            if (best) {
-                jobs.push_back(*best);
+                return std::nullopt;
+            }();
+            if (covering) {
+                jobs.push_back(*covering);
             }
         }
     }

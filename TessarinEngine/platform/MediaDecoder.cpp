@@ -667,11 +667,6 @@ std::vector<float> StretchDecoder::read(double fromSeconds, double seconds) {
     return std::move(d.mix);
 }
 
-std::vector<float> decodeStretch(const std::filesystem::path& path, int rateHz, double fromSeconds,
-                                 double seconds) {
-    return StretchDecoder(path, rateHz).read(fromSeconds, seconds);
-}
-
 std::vector<float> resampleMono(std::span<const float> samples, int fromRateHz, int toRateHz) {
     FFmpeg::silenceLogs();
     if (fromRateHz <= 0 || toRateHz <= 0 || samples.size() > static_cast<std::size_t>(INT_MAX)) {

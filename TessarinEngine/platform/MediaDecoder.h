@@ -25,17 +25,12 @@ namespace MediaDecoder {
 std::vector<float> decodeMixedMono(const std::filesystem::path& path, int rateHz,
                                    const std::function<void(std::size_t)>& onLaid);
 
-// The stretch of `seconds` from `fromSeconds` of what decodeMixedMono gives for the file, the
-// same samples within one at the same times, decoded from a seek point shortly before it rather
-// than from the start. Shorter where the file ends first. Throws as decodeMixedMono does, and
-// readFailed("seek") when the file cannot seek, its frames carry no timestamps, or its index shows
-// timestamps that do not advance with the samples (a stretch would not be where a whole decode
-// has it). Thread-safe.
-std::vector<float> decodeStretch(const std::filesystem::path& path, int rateHz, double fromSeconds,
-                                 double seconds);
-
-// One file kept open for several stretches, each read as decodeStretch reads it. Opening throws
-// as decodeStretch does. One thread at a time.
+// One file kept open for stretches of what decodeMixedMono gives for it: each read returns
+// `seconds` from `fromSeconds`, the same samples within one at the same times, decoded from a seek
+// point shortly before it rather than from the start, shorter where the file ends first. Opening
+// and reading throw as decodeMixedMono does, and readFailed("seek") when the file cannot seek, its
+// frames carry no timestamps, or its index shows timestamps that do not advance with the samples
+// (a stretch would not be where a whole decode has it). One thread at a time.
 class StretchDecoder {
 public:
     StretchDecoder(const std::filesystem::path& path, int rateHz);
